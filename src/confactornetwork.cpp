@@ -1,0 +1,136 @@
+#include "confactornetwork.h"
+
+#include <algorithm>
+#include <iostream>
+#include <set>
+
+ConfactorNetworkBase::ConfactorNetworkBase()
+    : needs_update_(false), observations_(nullptr), weight_heuristic_(1), use_complete_set_(true) {}
+
+ConfactorNetworkBase::~ConfactorNetworkBase() {
+  // A prime atom belongs to the atom it was created for.
+  for (auto& entry : atoms_) {
+    if (!entry.second->prime_)
+      delete entry.second;
+  }
+}
+
+void ConfactorNetworkBase::initAtom(Atom*) {}
+
+void ConfactorNetworkBase::init() {
+  weight_heuristic_ = 1;
+  use_complete_set_ = true;
+}
+
+Atom* ConfactorNetworkBase::addAtom(std::string name) {
+  auto found = atoms_.find(name);
+  if (found != atoms_.end())
+    return found->second;
+  Atom* atom = new Atom(name, 2);
+  atoms_[name] = atom;
+  needs_update_ = true;
+  return atom;
+}
+
+Atom* ConfactorNetworkBase::getAtom(std::string name) {
+  auto found = atoms_.find(name);
+  if (found != atoms_.end())
+    return found->second;
+  std::cerr << "Requested atom " << name << " does not exists." << std::endl;
+  return nullptr;
+}
+
+std::vector<Atom*>* ConfactorNetworkBase::getAtoms() {
+  auto* result = new std::vector<Atom*>();
+  for (auto& entry : atoms_) {
+    if (entry.second->event_ == nullptr)
+      result->push_back(entry.second);
+  }
+  return result;
+}
+
+std::vector<Atom*>* ConfactorNetworkBase::getAllAtoms() {
+  auto* result = new std::vector<Atom*>();
+  result->reserve(atoms_.size());
+  for (auto& entry : atoms_)
+    result->push_back(entry.second);
+  return result;
+}
+
+Atom* ConfactorNetworkBase::getFirstAtom() {
+  return atoms_.empty() ? nullptr : atoms_.begin()->second;
+}
+
+std::vector<Atom*>* ConfactorNetworkBase::getTopologicalOrderedAtoms() {
+  std::vector<Atom*>* result = getAllAtoms();
+  std::sort(result->begin(), result->end(), Atom::Cmp());
+  return result;
+}
+
+void ConfactorNetworkBase::applyWeightHeuristic(Atom* atom) {
+  switch (weight_heuristic_) {
+    case 0:
+      atom->setWeightWithRank(false);
+      break;
+    case 1:
+      atom->setWeightWithDegree(false);
+      break;
+    case 2:
+      atom->setWeightWithDegreeD(false);
+      break;
+    case 3:
+      atom->setWeightWithDeficiency(false);
+      break;
+    case 4:
+      atom->setWeightWithWeightedCF(false);
+      break;
+    case 5:
+      atom->setWeightWithWeightedCFD(false);
+      break;
+    default:
+      break;
+  }
+}
+
+void ConfactorNetworkBase::updateTopologicalRanking() {
+  // Heaviest first; a multiset keeps atoms of equal weight in insertion order.
+  std::multiset<Atom*, Atom::CmpWeightInv> ready;
+  // initAtom may register further atoms; map iterators survive insertion, so
+  // those that sort after the current name are visited in this same pass.
+  for (auto& entry : atoms_) {
+    Atom* atom = entry.second;
+    atom->rank_ = 0;
+    initAtom(atom);
+    if (atom->in_.empty())
+      ready.insert(atom);
+  }
+
+  int r = 1;
+  while (!ready.empty()) {
+    Atom* atom = *ready.begin();
+    ready.erase(ready.begin());
+    if (atom->rank_ != 0)
+      continue;
+    int used = atom->setRank(r);
+    applyWeightHeuristic(atom);
+    r += used;
+    for (Atom* child : atom->out_) {
+      if (child->rank_ >= r)
+        continue;
+      bool parentsRanked = std::all_of(child->in_.begin(), child->in_.end(),
+                                       [](const Atom* p) { return p->rank_ != 0; });
+      if (parentsRanked)
+        ready.insert(child);
+    }
+  }
+}
+
+void ConfactorNetworkBase::updateRanking() {
+  updateTopologicalRanking();
+  std::vector<Atom*>* all = getAllAtoms();
+  std::sort(all->begin(), all->end(), Atom::CmpDynamical());
+  int rank = 1;
+  for (Atom* atom : *all)
+    atom->rank_ = rank++;
+  delete all;
+}

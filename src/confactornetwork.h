@@ -1,0 +1,52 @@
+// Networks of atoms: the registry of atoms by name with the ranking that fixes
+// the elimination order.
+#ifndef CPLOGIC_CONFACTORNETWORK_H
+#define CPLOGIC_CONFACTORNETWORK_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "atom.h"
+
+// Registry of a network's atoms by name; owns them. Ranks the atoms in
+// topological order refined by a weight heuristic.
+class ConfactorNetworkBase {
+ public:
+  bool needs_update_;                   // set when an atom or confactor is added
+  std::map<std::string, Atom*> atoms_;  // by name; owned
+  AtomBody* observations_;              // not owned
+  int weight_heuristic_;                // which Atom::setWeightWith... the ranking applies
+  bool use_complete_set_;               // handed to every elimination engine
+
+  ConfactorNetworkBase();
+  ConfactorNetworkBase(const ConfactorNetworkBase&) = delete;
+  ConfactorNetworkBase& operator=(const ConfactorNetworkBase&) = delete;
+  // Hook called for every atom as the ranking starts; may register atoms.
+  virtual void initAtom(Atom* atom);
+  virtual ~ConfactorNetworkBase();
+
+  void init();
+
+  // The registered atom of that name, creating a binary one when absent.
+  Atom* addAtom(std::string name);
+  // The registered atom of that name, or null after a message on stderr.
+  Atom* getAtom(std::string name);
+  // New vectors owned by the caller, in name order. getAtoms leaves out
+  // choice variables.
+  std::vector<Atom*>* getAtoms();
+  std::vector<Atom*>* getAllAtoms();
+  // The atom with the smallest name, or null.
+  Atom* getFirstAtom();
+  // All atoms by ascending rank; owned by the caller.
+  std::vector<Atom*>* getTopologicalOrderedAtoms();
+
+  void updateTopologicalRanking();
+  // Topological ranking, then final ranks 1..n by Atom::CmpDynamical.
+  void updateRanking();
+
+ private:
+  void applyWeightHeuristic(Atom* atom);
+};
+
+#endif
