@@ -8,11 +8,13 @@ ConfactorNetworkBase::ConfactorNetworkBase()
     : needs_update_(false), observations_(nullptr), weight_heuristic_(1), use_complete_set_(true) {}
 
 ConfactorNetworkBase::~ConfactorNetworkBase() {
-  // A prime atom belongs to the atom it was created for.
+  // A prime atom belongs to the atom it was created for, which may come first
+  // in name order: decide which atoms to delete before deleting any.
+  std::vector<Atom*> owned;
   for (auto& entry : atoms_) {
-    if (!entry.second->prime_)
-      delete entry.second;
+    if (!entry.second->prime_) owned.push_back(entry.second);
   }
+  for (Atom* atom : owned) delete atom;
 }
 
 void ConfactorNetworkBase::initAtom(Atom*) {}
