@@ -1,0 +1,571 @@
+// Confactor tests: the algebra against a dense reference that expands a
+// confactor into a full table over a small world of atoms (NaN where it does
+// not hold), plus hand-worked cases for the documented shortcuts, the text
+// forms and the messages.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <random>
+
+#include "confactor.h"
+
+namespace {
+
+const double kNA = std::nan("");
+
+unsigned bits(uint32_t d) {
+  return __builtin_popcount(d);
+}
+
+struct World {
+  std::vector<std::unique_ptr<Atom>> atoms;
+  Atom* add(int domainsize, int rank, std::string name = "") {
+    if (name.empty())
+      name = "x" + std::to_string(atoms.size());
+    atoms.emplace_back(new Atom(name, domainsize));
+    atoms.back()->rank_ = rank;
+    return atoms.back().get();
+  }
+  size_t size() const {
+    size_t n = 1;
+    for (auto& a : atoms)
+      n *= a->domainsize_;
+    return n;
+  }
+  std::vector<unsigned> decode(size_t x) const {
+    std::vector<unsigned> v;
+    for (auto& a : atoms) {
+      v.push_back(x % a->domainsize_);
+      x /= a->domainsize_;
+    }
+    return v;
+  }
+  size_t encode(const std::vector<unsigned>& v) const {
+    size_t x = 0;
+    for (size_t i = atoms.size(); i-- > 0;)
+      x = x * atoms[i]->domainsize_ + v[i];
+    return x;
+  }
+  size_t index(const Atom* a) const {
+    for (size_t i = 0; i < atoms.size(); ++i)
+      if (atoms[i].get() == a)
+        return i;
+    return SIZE_MAX;
+  }
+};
+
+typedef std::vector<double> Dense;
+
+// The table layout, written out independently of the code under test.
+Dense expand(const Confactor& c, const World& w) {
+  std::vector<const AtomDomStruct*> entries(c.atoms_.begin(), c.atoms_.end());
+  std::sort(entries.begin(), entries.end(),
+            [](auto a, auto b) { return a->atom_->rank_ < b->atom_->rank_; });
+  Dense d(w.size());
+  for (size_t x = 0; x < d.size(); ++x) {
+    std::vector<unsigned> v = w.decode(x);
+    size_t index = 0, stride = 1;
+    d[x] = kNA;
+    for (const AtomDomStruct* e : entries) {
+      unsigned val = v[w.index(e->atom_)];
+      bool in = e->domain_ >> val & 1;
+      if ((e->flags_ & (ADS_CONTEXT | ADS_TABLE)) && !in)
+        goto next;
+      if (e->flags_ & ADS_TABLE) {
+        index += bits(e->domain_ & ((1u << val) - 1)) * stride;
+        stride *= bits(e->domain_ & ((1u << e->atom_->domainsize_) - 1));
+      }
+    }
+    d[x] = index < c.values_.size() ? c.values_[index] : INFINITY;
+  next:;
+  }
+  return d;
+}
+
+// Sum over atom i where defined; NaN when nowhere defined.
+Dense denseSumout(const Dense& d, const World& w, size_t i) {
+  Dense out(d.size());
+  for (size_t x = 0; x < d.size(); ++x) {
+    std::vector<unsigned> v = w.decode(x);
+    double sum = kNA;
+    for (v[i] = 0; v[i] < w.atoms[i]->domainsize_; ++v[i]) {
+      double y = d[w.encode(v)];
+      if (!std::isnan(y))
+        sum = std::isnan(sum) ? y : sum + y;
+    }
+    out[x] = sum;
+  }
+  return out;
+}
+
+// Atom i restricted to the values of s; with drop, s is one value and the
+// result no longer depends on atom i.
+Dense denseRestrict(const Dense& d, const World& w, size_t i, uint32_t s, bool drop) {
+  Dense out(d.size());
+  for (size_t x = 0; x < d.size(); ++x) {
+    std::vector<unsigned> v = w.decode(x);
+    if (drop)
+      v[i] = __builtin_ctz(s);
+    out[x] = (s >> v[i] & 1) ? d[w.encode(v)] : kNA;
+  }
+  return out;
+}
+
+void expectSame(const Dense& got, const Dense& want, const std::string& what) {
+  ASSERT_EQ(got.size(), want.size());
+  for (size_t x = 0; x < got.size(); ++x) {
+    if (std::isnan(want[x])) {
+      ASSERT_TRUE(std::isnan(got[x])) << what << " at " << x;
+    } else {
+      ASSERT_NEAR(got[x], want[x], 1e-9 * (1 + std::fabs(want[x]))) << what << " at " << x;
+    }
+  }
+}
+
+struct Entry {
+  Atom* atom;
+  uint32_t domain;
+  unsigned flags;
+};
+
+std::unique_ptr<Confactor> make(const std::vector<Entry>& entries, std::vector<double> values) {
+  ConfactorAtoms atoms;
+  for (const Entry& e : entries)
+    atoms.insert(new AtomDomStruct(e.atom, int(e.domain), e.flags));
+  return std::make_unique<Confactor>(atoms, values);
+}
+
+struct Random {
+  std::mt19937 rng;
+  explicit Random(unsigned seed) : rng(seed) {}
+  unsigned below(unsigned n) { return rng() % n; }
+  uint32_t subset(unsigned n, unsigned minCount) {
+    for (;;) {
+      uint32_t s = rng() & ((1u << n) - 1);
+      if (bits(s) >= minCount)
+        return s;
+    }
+  }
+  // Atoms with shuffled distinct ranks: id order and rank order differ.
+  void world(World& w, unsigned n, bool binary) {
+    std::vector<int> ranks;
+    for (unsigned i = 0; i < n; ++i)
+      ranks.push_back(10 * i + 3);
+    std::shuffle(ranks.begin(), ranks.end(), rng);
+    for (unsigned i = 0; i < n; ++i)
+      w.add(binary ? 2 : 2 + below(4), ranks[i]);
+  }
+  // Each atom absent, a full table atom, a restricted table atom or a pure
+  // context atom; random table entries.
+  std::unique_ptr<Confactor> confactor(const World& w) {
+    std::vector<Entry> entries;
+    for (auto& a : w.atoms) {
+      unsigned n = a->domainsize_;
+      switch (below(4)) {
+        case 1:
+          entries.push_back({a.get(), (1u << n) - 1, ADS_TABLE});
+          break;
+        case 2:
+          entries.push_back({a.get(), subset(n, 2), ADS_CONTEXT | ADS_TABLE});
+          break;
+        case 3:
+          entries.push_back({a.get(), subset(n, 1), ADS_CONTEXT});
+          break;
+      }
+    }
+    auto c = make(entries, {});
+    for (double& v : c->values_)
+      v = 0.1 + (rng() % 1000) / 500.0;
+    return c;
+  }
+};
+
+// The product's index map is exact for an operand's table atom with domain o
+// and result domain d when the values of o up to max(d) are d itself or, if d
+// lacks value 0, d plus one value below min(d). The shifted-domain shortcut
+// misreads everything else, e.g. any table atom over {1, 2}.
+bool mapExact(uint32_t d, uint32_t o) {
+  if (bits(d) <= 1)
+    return true;
+  uint32_t extra = o & ((2u << (31 - __builtin_clz(d))) - 1) & ~d;
+  return (d & 1) ? extra == 0 : bits(extra) == 1 && extra < (d & -d);
+}
+
+bool operandExact(const Confactor& op, const Confactor& other) {
+  for (const AtomDomStruct* e : op.atoms_) {
+    auto it = other.atoms_.find(e->atom_);
+    uint32_t d = e->domain_ & (it == other.atoms_.end() ? ~0u : (*it)->domain_);
+    if ((e->flags_ & ADS_TABLE) && !mapExact(d, e->domain_))
+      return false;
+  }
+  return true;
+}
+
+TEST(ConfactorAlgebra, ProductSumAndEliminationMatchDenseReference) {
+  Random r(20240611);
+  int exact = 0;
+  for (int round = 0; round < 600; ++round) {
+    World w;
+    r.world(w, 4, round % 2 == 0);
+    auto a = r.confactor(w), b = r.confactor(w);
+    Dense da = expand(*a, w), db = expand(*b, w);
+    bool overlap = false;
+    for (size_t x = 0; x < da.size(); ++x)
+      overlap |= !std::isnan(da[x]) && !std::isnan(db[x]);
+    EXPECT_EQ(a->isCompatibleOrOverlapping(*b), overlap);
+    if (!operandExact(*a, *b) || !operandExact(*b, *a))
+      continue;
+    ++exact;
+    int add = r.below(2);
+    Dense want(da.size());
+    for (size_t x = 0; x < da.size(); ++x)
+      want[x] = add ? da[x] + db[x] : da[x] * db[x];
+    Confactor p(a.get(), b.get(), nullptr, add, -1);
+    expectSame(expand(p, w), want, "product");
+    if (p.values_.empty())
+      continue;
+    // Eliminating in the same step: sum out, or restrict and drop.
+    const AtomDomStruct* e = p.atoms_[r.below(p.atoms_.size())];
+    size_t i = w.index(e->atom_);
+    if (!(e->flags_ & ADS_TABLE))
+      continue;
+    int value = r.below(2) ? -1 : int(__builtin_ctz(e->domain_));
+    Confactor q(a.get(), b.get(), e->atom_, add, value);
+    expectSame(expand(q, w),
+               value == -1 ? denseSumout(want, w, i) : denseRestrict(want, w, i, 1u << value, true),
+               "eliminated");
+    EXPECT_TRUE(q.atoms_.find(e->atom_) == q.atoms_.end());
+  }
+  EXPECT_GT(exact, 300);
+}
+
+TEST(ConfactorAlgebra, ReshapingMatchesDenseReference) {
+  Random r(77);
+  for (int round = 0; round < 800; ++round) {
+    World w;
+    r.world(w, 4, round % 3 == 0);
+    auto c = r.confactor(w);
+    Dense d = expand(*c, w);
+    size_t i = r.below(4);
+    Atom* x = w.atoms[i].get();
+    unsigned n = x->domainsize_;
+    auto it = c->atoms_.find(x);
+    const AtomDomStruct* e = it == c->atoms_.end() ? nullptr : *it;
+    Dense want;
+    double fill = r.below(4);
+    switch (round % 5) {
+      case 0:  // sum out; a context table atom kept stays a restriction
+        if (!e || !(e->flags_ & ADS_TABLE))
+          continue;
+        {
+          bool keep = r.below(2), stays = keep && (e->flags_ & ADS_CONTEXT);
+          want = denseSumout(d, w, i);
+          if (stays)
+            want = denseRestrict(want, w, i, e->domain_, false);
+          c->sumoutAtom(x, keep);
+          EXPECT_EQ(c->atoms_.find(x) != c->atoms_.end(), stays);
+        }
+        break;
+      case 1:  // narrow to a non-empty subset
+        if (!e)
+          continue;
+        {
+          uint32_t s = 0;
+          while (bits(s) == 0)
+            s = r.subset(n, 1) & e->domain_;
+          bool keep = r.below(2), drop = bits(s) == 1 && !keep && s != e->domain_;
+          want = denseRestrict(d, w, i, s, drop);
+          c->shrinkAtom(x, s, keep);
+        }
+        break;
+      case 2:  // widen a table atom to its full domain
+        if (!e || !(e->flags_ & ADS_TABLE))
+          continue;
+        {
+          uint32_t old = e->domain_;
+          Dense covered = denseRestrict(d, w, i, 1u << __builtin_ctz(old), true);
+          want = d;
+          for (size_t k = 0; k < d.size(); ++k)
+            if (!(old >> w.decode(k)[i] & 1))
+              want[k] = std::isnan(covered[k]) ? kNA : fill;
+          c->growAtom(x, (1u << n) - 1, fill);
+        }
+        break;
+      case 3:  // add a new atom, as a table over a prefix or as a context
+        if (e)
+          continue;
+        {
+          bool table = r.below(2);
+          uint32_t s = table ? (1u << (2 + r.below(n - 1))) - 1 : r.subset(n, 1);
+          unsigned start = table ? r.below(bits(s)) : 0;
+          want = denseRestrict(d, w, i, s, false);
+          for (size_t k = 0; k < d.size(); ++k)
+            if (table && w.decode(k)[i] != start && !std::isnan(want[k]))
+              want[k] = fill;
+          auto res = c->addAtom(x, table ? ADS_TABLE : ADS_CONTEXT, s, int(fill), start);
+          EXPECT_TRUE(res.second);
+        }
+        break;
+      case 4:  // complete table
+      {
+        want = d;
+        for (double& v : want)
+          v = std::isnan(v) ? fill : v;
+        std::unique_ptr<Confactor> t(c->convertToCPT(int(fill)));
+        for (const AtomDomStruct* te : t->atoms_)
+          EXPECT_EQ(te->flags_ & ~ADS_FORATOM, ADS_TABLE);
+        expectSame(expand(*t, w), want, "convertToCPT");
+        continue;
+      }
+    }
+    expectSame(expand(*c, w), want, "reshaped");
+  }
+}
+
+TEST(ConfactorAlgebra, MergeWithTakesOneSliceFromEachSide) {
+  Random r(5);
+  for (int round = 0; round < 200; ++round) {
+    World w;
+    r.world(w, 3, round % 2);
+    auto c = r.confactor(w);
+    Atom* y = w.add(2, int(r.below(40)) * 2);  // mergeWith requires two values
+    auto other = std::make_unique<Confactor>(*c);
+    for (double& v : other->values_)
+      v = r.below(100);
+    Dense dc = expand(*c, w), dother = expand(*other, w);
+    int value = r.below(2);
+    ASSERT_TRUE(c->isMergeable(other.get()));
+    ASSERT_TRUE(c->mergeWith(other.get(), y, value));
+    Dense want(dc.size());
+    for (size_t k = 0; k < want.size(); ++k)
+      want[k] = int(w.decode(k)[3]) == value ? dc[k] : dother[k];
+    expectSame(expand(*c, w), want, "merged");
+    EXPECT_FALSE(c->mergeWith(other.get(), y, value));
+  }
+}
+
+TEST(ConfactorAlgebra, DeliberateShortcutsOnHandWorkedCases) {
+  World w;
+  Atom* x = w.add(3, 1);
+  Atom* y = w.add(2, 2);
+  // Shifted product domain: the restricted operand {1,2} has m = 0, so its
+  // value at x = 1 serves both slices.
+  auto full = make({{x, 7, ADS_TABLE}}, {2, 3, 5});
+  auto part = make({{x, 6, ADS_CONTEXT | ADS_TABLE}}, {7, 11});
+  Confactor p(full.get(), part.get(), nullptr, 0, -1);
+  EXPECT_EQ(p.values_, (std::vector<double>{21, 35}));
+  // Widening to a non-prefix domain, {1} to {1,2}: the bit walk knows only
+  // values 0 and 1, so the old slices end up behind the fill.
+  auto g = make({{x, 2, ADS_CONTEXT | ADS_TABLE}, {y, 3, ADS_TABLE}}, {4, 6});
+  g->growAtom(x, 6, 0);
+  EXPECT_EQ(g->values_, (std::vector<double>{0, 0, 4, 6}));
+  // removeAtom of a table atom also erases the entry after it.
+  World w2;
+  Atom *a = w2.add(2, 1), *b = w2.add(2, 2), *c = w2.add(2, 3);
+  (void)b;
+  auto rm = make({{a, 3, ADS_TABLE}, {b, 3, ADS_TABLE}, {c, 1, ADS_CONTEXT}}, {1, 2, 3, 4});
+  rm->removeAtom(a, -1);
+  ASSERT_EQ(rm->atoms_.size(), 1u);
+  EXPECT_EQ(rm->atoms_[0]->atom_, c);
+  EXPECT_EQ(rm->values_, (std::vector<double>{3}));
+  // With more than two values other's table is reread for each other slice.
+  auto m1 = make({{y, 3, ADS_TABLE}}, {1, 2});
+  auto m2 = make({{y, 3, ADS_TABLE}}, {5, 6});
+  Atom* z = w.add(3, 5);
+  ASSERT_TRUE(m1->mergeWith(m2.get(), z, 1));
+  EXPECT_EQ(m1->values_, (std::vector<double>{5, 6, 1, 2, 5, 6}));
+}
+
+TEST(ConfactorLayout, SetValueAndGetValueAgreeWithWildcards) {
+  World w;
+  Atom* a = w.add(2, 3, "a");
+  Atom* b = w.add(3, 1, "b");
+  Atom* c = w.add(4, 2, "c");  // context table atom over {0, 2, 3}
+  auto f = make({{a, 3, ADS_TABLE}, {b, 7, ADS_TABLE}, {c, 13, ADS_CONTEXT | ADS_TABLE}},
+                std::vector<double>(18, 0.0));
+  ASSERT_EQ(f->values_.size(), 18u);  // b fastest (3), then c (3), then a (2)
+  f->setValue({{a, 1}, {b, 2}, {c, 3}}, 7.0);
+  EXPECT_EQ(f->values_[2 + 3 * 2 + 9 * 1], 7.0);
+  EXPECT_EQ(f->getValue({2, 3, 1}, -1), 7.0);  // in atoms_ order b, c, a
+  EXPECT_EQ(f->getPos({2, 1, 1}), -1);         // c = 1 lies outside the context
+  EXPECT_EQ(f->getValue({2, 1, 1}, -5), -5);
+  f->setValue({{a, -1}, {b, -1}, {c, 2}}, 1.5);  // six entries
+  for (unsigned va = 0; va < 2; ++va)
+    for (unsigned vb = 0; vb < 3; ++vb)
+      EXPECT_EQ(f->getValue({vb, 2, va}, 0), 1.5);
+  EXPECT_EQ(std::count(f->values_.begin(), f->values_.end(), 1.5), 6);
+  f->setValue({{a, 0}, {b, 0}, {c, -1}}, 9.0);  // a context atom takes no wildcard
+  f->setValue({{a, 0}, {b, 0}, {c, 1}}, 9.0);
+  EXPECT_EQ(std::count(f->values_.begin(), f->values_.end(), 9.0), 0);
+  Confactor k(2.5);
+  EXPECT_EQ(k.getValue({}, 0), 2.5);
+}
+
+TEST(ConfactorAtoms, DomainRolesAndRankedInsertion) {
+  World w;
+  Atom* a = w.add(3, 5);
+  Atom* b = w.add(2, 2);
+  Atom* gap = w.add(2, 4);
+  AtomDomStruct e(a, ADS_TABLE);
+  e.setDomain(2);
+  EXPECT_EQ(e.flags_, ADS_CONTEXT);
+  e.setDomain(7);
+  EXPECT_EQ(e.flags_, ADS_CONTEXT);
+  EXPECT_EQ(e.count_, 3u);
+  EXPECT_EQ(e.getDomainValue(), 2);
+  e.flags_ |= 4 | 64;
+  e.setForAtom(false);
+  EXPECT_EQ(e.flags_, ADS_CONTEXT);
+  ConfactorAtoms atoms;
+  EXPECT_TRUE(atoms.insert(new AtomDomStruct(a, ADS_TABLE)).second);
+  EXPECT_TRUE(atoms.insert(new AtomDomStruct(b, ADS_TABLE)).second);
+  AtomDomStruct dup(a, 1, ADS_CONTEXT);
+  auto res = atoms.insert(&dup);
+  EXPECT_FALSE(res.second);
+  EXPECT_EQ((*res.first)->domain_, 7u);
+  EXPECT_EQ(atoms[0]->atom_, b);
+  EXPECT_TRUE(atoms.find(gap) == atoms.end());
+}
+
+TEST(ConfactorContexts, CompatibilityTestsAndContextEditing) {
+  World w;
+  Atom *a = w.add(3, 1, "a"), *b = w.add(2, 2, "b"), *c = w.add(2, 3, "c");
+  auto f = make({{a, 3, ADS_CONTEXT}, {b, 3, ADS_TABLE}, {c, 2, ADS_CONTEXT}}, {});
+  auto g = make({{a, 6, ADS_CONTEXT}, {c, 2, ADS_CONTEXT | ADS_FORATOM}}, {});
+  auto h = make({{a, 4, ADS_CONTEXT}}, {});
+  EXPECT_FALSE(f->isCompatible(*g));  // a: {0,1} vs {1,2}
+  EXPECT_TRUE(f->isCompatibleOrOverlapping(*g));
+  EXPECT_FALSE(f->isCompatibleOrOverlapping(*h));
+  EXPECT_FALSE(f->constraintApplies(*h));
+  EXPECT_TRUE(h->constraintApplies(*g));  // {2} meets {1,2}
+  auto e = std::make_unique<Confactor>(*f);
+  e->excludeAtomsNotInOrNotEqual(*g);  // a's domain, b's absence, c's roles differ
+  EXPECT_TRUE(e->atoms_.empty());
+  e = std::make_unique<Confactor>(*f);
+  e->excludeAtomsNotInOrNotEqual(Confactor(1.0));
+  EXPECT_EQ(e->atoms_.size(), 3u);
+  e->excludeAtomsIn(*g);
+  ASSERT_EQ(e->atoms_.size(), 1u);
+  EXPECT_EQ(e->atoms_[0]->atom_, b);
+  e->includeAtomsFromContext(*g);
+  EXPECT_EQ(e->str("", true), "a={011|C}, b={11|T}, *c={01|C}, \n");
+  e->removePureContextAtoms();
+  EXPECT_EQ(e->str("", true), "b={11|T}, \n");
+}
+
+TEST(ConfactorText, DiagnosticXmlAndHuginForms) {
+  World w;
+  Atom *a = w.add(2, 2, "a"), *b = w.add(2, 1, "b"), *c = w.add(2, 3, "c");
+  auto f = make({{a, 3, ADS_TABLE | ADS_FORATOM}, {b, 3, ADS_TABLE}, {c, 2, ADS_CONTEXT}},
+                {0.25, 0.5, 0.75, 0.5});
+  EXPECT_EQ(f->str(">"),
+            ">b={11|T}, *a={11|T}, c={01|C}, \n>0\t0\t0.25\n>1\t0\t0.5\n>0\t1\t0.75\n>1\t1\t0.5\n");
+  std::ostringstream os;
+  os << *make({{c, 2, ADS_CONTEXT}}, {1.0});
+  EXPECT_EQ(os.str(), "c={01|C},  (c)\n1\n");
+  std::string ax = a->xml(), bx = b->xml(), cx = c->xml();
+  EXPECT_EQ(f->xml("why"),
+            "<confactor>\n<foratom>a </foratom>\n<comment>why</comment>\n<context>\n"
+            "<atomvalue>" +
+                cx +
+                "<value>01</value></atomvalue></context>\n"
+                "<factor_cpt>\n<table><tr><th>" +
+                bx + "</th><th>" + ax +
+                "</th><th>Values</th></tr>\n<tr><td>0</td><td>0</td><td>0.25</td></tr>\n"
+                "<tr><td>1</td><td>0</td><td>0.5</td></tr>\n<tr><td>0</td><td>1</td><td>0.75</td>"
+                "</tr>\n<tr><td>1</td><td>1</td><td>0.5</td></tr>\n</table>\n</factor_cpt>\n"
+                "</confactor>\n");
+  EXPECT_EQ(Confactor(3.0).xml(""),
+            "<confactor>\n<foratom></foratom>\n<comment></comment>\n<context>\nempty</context>\n"
+            "<factor_cpt>\n<table><tr><th>Values</th></tr>\n<tr><td>3</td></tr>\n</table>\n"
+            "</factor_cpt>\n</confactor>\n");
+  f->removePureContextAtoms();
+  EXPECT_EQ(f->strHuginNet(),
+            "potential ( a | b  )\n{\n\tdata = (\n\t\t0.25\t0.75\t\n\t\t0.5\t0.5\t\n\t\t);\n}");
+  auto alone = make({{a, 3, ADS_TABLE | ADS_FORATOM}, {c, 2, ADS_CONTEXT}}, {0.1, 0.9});
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(alone->strHuginNet(), "potential ( a | c  )\n{\n\tdata = (\n\t\t0.1\t0.9\t\n\t\t);\n}");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Confactor is not a complete factor! Cannot convert to BN.");
+  alone->removePureContextAtoms();
+  EXPECT_EQ(alone->strHuginNet().substr(0, 19), "potential ( a |  )\n");
+  EXPECT_EQ(f->graphviz(), "");
+}
+
+TEST(ConfactorText, InvariantMessages) {
+  World w;
+  Atom* a = w.add(2, 1);
+  auto f = make({{a, 3, ADS_TABLE}}, {0.5, 0.5});
+  f->values_.resize(4, 0.0);
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(f->checkInvariant());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "FAILED INVARIANT: table size not consistent with atoms\n");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(Confactor(0.5).str("  "), "  \n  0.5\n  BREAKS INVARIANT\n");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "POSSIBLE FAILED INVARIANT: sum not an integer (0.5,-0.5)\n");
+}
+
+TEST(ConfactorTable, RandomCptIsNormalisedPerChildValue) {
+  World w;
+  Atom *child = w.add(3, 2), *parent = w.add(2, 1);
+  std::vector<Atom*> atoms{child, parent};
+  Confactor f(atoms, child, 0.0);
+  f.fillCPTAtRandom();
+  ASSERT_EQ(f.values_.size(), 6u);  // parent fastest: child value of k is k / 2
+  for (int j = 0; j < 3; ++j)
+    EXPECT_NEAR(f.values_[2 * j] + f.values_[2 * j + 1], 1.0, 1e-9);
+  Confactor z(atoms, child, 0.0);
+  z.normalize();
+  EXPECT_TRUE(z.allZeros());
+  Confactor copy(f);
+  EXPECT_NE(copy.id_, f.id_);
+  EXPECT_EQ(copy.values_, f.values_);
+}
+
+TEST(ConfactorTable, EventFoldingRestrictionAndBookkeeping) {
+  World w;
+  Atom *c = w.add(3, 2, "c"), *b = w.add(2, 5, "b");
+  std::vector<Atom*> path{c};
+  std::vector<double> p0{0.5, 0.25, 0.25}, p1{0.1, 0.2};
+  Confactor f0(path, c, p0), f1(path, c, p1);
+  EXPECT_EQ(f1.values_, (std::vector<double>{0.1, 0.2, 1.0}));  // padded
+  ASSERT_TRUE(f0.isMergeable(&f1));
+  // Two branches on b folded into one table over b.
+  f0.addAtom(b, ADS_TABLE, -1, 0, 0);
+  f1.addAtom(b, ADS_TABLE, -1, 0, 1);
+  f0.addToValues(&f1);
+  EXPECT_EQ(f0.values_, (std::vector<double>{0.5, 0.25, 0.25, 0.1, 0.2, 1.0}));
+  EXPECT_TRUE(f0.isForAtom(*c) && !f0.isForAtom(*b));
+  EXPECT_EQ(f0.hasAtom(*b), ADS_TABLE);
+  f0.increaseWeights(3);
+  f0.decreaseWeights(1);
+  EXPECT_EQ(b->weight_ + c->weight_, 4u);
+  f0.resetWeights();
+  EXPECT_EQ(b->weight_ + c->weight_, 0u);
+  Confactor kept(f0);
+  kept.setAtom(b, 1, true);
+  EXPECT_EQ(kept.str("", true), "*c={111|T}, b={01|C}, \n");
+  EXPECT_EQ(kept.values_, (std::vector<double>{0.1, 0.2, 1.0}));
+  kept.setAtom(c, 2, false);
+  EXPECT_EQ(kept.str(), "b={01|C},  (c)\n1\n");
+  EXPECT_TRUE(kept.isRedundant(nullptr));
+  b->rank_ = 1;  // re-ranked: the entries follow
+  f0.orderAtoms();
+  EXPECT_EQ(f0.atoms_[0]->atom_, b);
+}
+
+TEST(ConfactorDeathTest, AssertionTexts) {
+  World w;
+  Atom *a = w.add(2, 1), *b = w.add(2, 2);
+  auto f = make({{a, 3, ADS_TABLE}}, {1, 2});
+  EXPECT_DEATH(f->getValue({0, 1}, 0),
+               "src/confactor.cpp.*indices.size\\(\\) == atoms_.size\\(\\)");
+  EXPECT_DEATH(f->setValue({{b, 0}}, 0), "src/confactor.cpp.*it_ads != atoms_.end\\(\\)");
+  f->atoms_[0]->block_ = -1;
+  EXPECT_DEATH(f->sumoutAtom(a, false), "src/confactor.cpp.*blocka != -1");
+}
+
+}  // namespace
