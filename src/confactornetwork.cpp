@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <iostream>
 #include <set>
+#include <sstream>
+
+#include "confactor.h"
+#include "cve.h"
 
 ConfactorNetworkBase::ConfactorNetworkBase()
     : needs_update_(false), observations_(nullptr), weight_heuristic_(1), use_complete_set_(true) {}
@@ -135,4 +139,72 @@ void ConfactorNetworkBase::updateRanking() {
   for (Atom* atom : *all)
     atom->rank_ = rank++;
   delete all;
+}
+
+ConfactorNetwork::~ConfactorNetwork() {
+  for (Confactor* f : confactors_)
+    delete f;
+}
+
+void ConfactorNetwork::addConfactor(Confactor* f) {
+  confactors_.push_back(f);
+  Atom* child = f->getForAtom();
+  for (AtomDomStruct* entry : f->atoms_) {
+    Atom* atom = entry->atom_;
+    if (child != nullptr && atom != child) {
+      atom->addOutAtom(child);
+      child->addInAtom(atom);
+    }
+    atom->weight_++;
+  }
+  needs_update_ = true;
+}
+
+void ConfactorNetwork::orderAtomsInConfactors() {
+  for (Confactor* f : confactors_) {
+    f->orderAtoms();
+    f->fillCPTAtRandom();
+  }
+}
+
+Confactor* ConfactorNetwork::query(Atom* q, AtomBody* observations) {
+  CVE cve;
+  cve.use_complete_set_tree_ = use_complete_set_;
+  if (needs_update_) {
+    updateRanking();
+    orderAtomsInConfactors();
+    needs_update_ = false;
+  }
+  for (auto& entry : atoms_)
+    cve.addAtom(entry.second);
+  for (Confactor* f : confactors_)
+    cve.addFactor(new Confactor(*f));
+  if (observations != nullptr) {
+    // Evidence enters as an indicator table on the observed value.
+    for (auto& observed : *observations) {
+      std::vector<Atom*> scope(1, observed.first);
+      std::vector<double> indicator(observed.first->domainsize_, 0.0);
+      if (observed.second >= 0 && observed.second < static_cast<int>(indicator.size()))
+        indicator[observed.second] = 1.0;
+      cve.addFactor(new Confactor(scope, nullptr, indicator));
+    }
+  }
+  cve.query(q);
+  return cve.createCPT();
+}
+
+std::string ConfactorNetwork::str(bool brief) const {
+  std::ostringstream os;
+  for (const Confactor* f : confactors_) {
+    if (brief) {
+      os << f->str("", true) << std::endl;
+    } else {
+      os << *f << std::endl;
+    }
+  }
+  return os.str();
+}
+
+std::ostream& operator<<(std::ostream& os, const ConfactorNetwork& network) {
+  return os << network.str(false);
 }

@@ -49,4 +49,32 @@ class ConfactorNetworkBase {
   void applyWeightHeuristic(Atom* atom);
 };
 
+class Confactor;
+
+// A network of plain conditional probability tables over registered atoms,
+// queried by eliminating copies of its tables. The tables are refilled at
+// random whenever the network is ranked again.
+class ConfactorNetwork : public ConfactorNetworkBase {
+ public:
+  std::vector<Confactor*> confactors_;  // in the order added; owned
+
+  ConfactorNetwork() = default;
+  ~ConfactorNetwork() override;
+
+  // Takes ownership of f, a table for its for-atom over registered atoms; its
+  // other atoms become the for-atom's parents.
+  void addConfactor(Confactor* f);
+  // Re-sorts every table after re-ranking and refills it at random.
+  void orderAtomsInConfactors();
+  // The normalised distribution of q (owned by the caller), computed on
+  // copies of the tables. Ranks again and refills the tables first when
+  // atoms or tables were added. Each observed atom (observations may be
+  // null; not owned) is held at its value.
+  Confactor* query(Atom* q, AtomBody* observations);
+  // Every table followed by a line end; brief leaves out the table values.
+  std::string str(bool brief) const;
+};
+
+std::ostream& operator<<(std::ostream& os, const ConfactorNetwork& network);
+
 #endif

@@ -1,0 +1,289 @@
+#include "completeconfactorset.h"
+
+#include <algorithm>
+#include <cassert>
+
+#include "atom.h"
+#include "confactor.h"
+
+// Null checks compare with __null, g++'s own null, so that an assertion
+// message reads the same whatever NULL expands to.
+
+namespace {
+
+unsigned int fullSet(const Atom* atom) {
+  return (1u << atom->domainsize_) - 1u;
+}
+
+// Leaves still in the tree were never extracted; nobody else holds them.
+void deleteLeaves(CCFSNB* node) {
+  if (node == NULL)
+    return;
+  delete node->leaf_;
+  node->leaf_ = NULL;
+  if (node->node_ != NULL) {
+    for (auto& child : node->node_->children_)
+      deleteLeaves(child.second);
+  }
+}
+
+}  // namespace
+
+CompleteConfactorSetNodeBase::CompleteConfactorSetNodeBase()
+    : parent_(NULL), node_(NULL), leaf_(NULL) {}
+
+CompleteConfactorSetNodeBase::CompleteConfactorSetNodeBase(CompleteConfactorSetNodeBase* parent)
+    : parent_(parent), node_(NULL), leaf_(NULL) {}
+
+CompleteConfactorSetNodeBase::~CompleteConfactorSetNodeBase() {
+  delete node_;
+}
+
+void CompleteConfactorSetNodeBase::mirror(CompleteConfactorSetNodeBase* other) {
+  parent_ = other->parent_;
+  node_ = other->node_;
+  leaf_ = other->leaf_;
+}
+
+CompleteConfactorSetNode::CompleteConfactorSetNode() : atom_(NULL) {}
+
+CompleteConfactorSetNode::~CompleteConfactorSetNode() {
+  for (auto& child : children_)
+    delete child.second;
+}
+
+void CompleteConfactorSetNode::addChild(unsigned int values, CCFSNB* child) {
+  children_.push_back(std::make_pair(values, child));
+}
+
+CompleteConfactorSet::CompleteConfactorSet() : root_(new CCFSNB()) {}
+
+CompleteConfactorSet::~CompleteConfactorSet() {
+  deleteLeaves(root_);
+  delete root_;
+}
+
+void CompleteConfactorSet::addConfactor(Confactor* confactor) {
+  std::vector<unsigned int> order(confactor->atoms_.size());
+  for (unsigned int i = 0; i < order.size(); ++i)
+    order[i] = i;
+  std::sort(order.begin(), order.end(), ConfactorCmpAtomWeight(confactor));
+  // Entries are placed from the heaviest atom (nearest the root) downwards.
+  addConfactorToSubtree(root_, confactor, static_cast<int>(order.size()) - 1, &order);
+  delete confactor;
+}
+
+void CompleteConfactorSet::addConfactorToSubtree(
+    CCFSNB* node, Confactor* confactor, int pos,
+    std::vector<unsigned int, std::allocator<unsigned int> >* order) {
+  assert(confactor != __null);
+  if (pos < 0) {
+    if (node->node_ == NULL) {
+      multiplyValues(node, confactor);
+    } else {
+      for (auto& child : node->node_->children_)
+        addConfactorToSubtree(child.second, confactor, -1, order);
+    }
+    return;
+  }
+
+  AtomDomStruct* entry = confactor->atoms_[(*order)[pos]];
+  Atom* atom = entry->atom_;
+  CompleteConfactorSetNode* branch = node->node_;
+
+  if (branch != NULL && branch->atom_->weight_ > atom->weight_) {
+    for (auto& child : branch->children_)
+      addConfactorToSubtree(child.second, confactor, pos, order);
+    return;
+  }
+
+  if (branch != NULL && branch->atom_->weight_ == atom->weight_) {
+    if (branch->atom_ != atom)
+      assert(false);
+    const unsigned int full = fullSet(atom);
+    // Children split off below are complete already; only the old ones are visited.
+    const size_t count = branch->children_.size();
+    for (size_t k = 0; k < count; ++k) {
+      const unsigned int values = branch->children_[k].first;
+      CCFSNB* child = branch->children_[k].second;
+      const unsigned int inside = entry->domain_ & values;
+      if ((inside & full) == 0)
+        continue;
+      const unsigned int outside = ~entry->domain_ & values;
+      if (outside != 0) {
+        CCFSNB* copy = copySubtree(child, atom, inside, outside);
+        branch->addChild(outside, copy);
+        branch->children_[k].first = inside;
+      }
+      if ((entry->flags_ & ADS_TABLE) == 0) {
+        addConfactorToSubtree(child, confactor, pos - 1, order);
+      } else {
+        Confactor restricted(*confactor);
+        restricted.shrinkAtom(atom, inside, true);
+        addConfactorToSubtree(child, &restricted, pos - 1, order);
+      }
+    }
+    return;
+  }
+
+  // A leaf position, or a branching on a lighter atom: the entry's atom
+  // belongs at this level.
+  if ((entry->flags_ & ADS_CONTEXT) == 0) {
+    addConfactorToSubtree(node, confactor, pos - 1, order);
+    return;
+  }
+  CCFSNB* below = new CCFSNB(node);
+  below->node_ = node->node_;
+  below->leaf_ = node->leaf_;
+  node->leaf_ = NULL;
+  node->node_ = new CompleteConfactorSetNode();
+  node->node_->atom_ = atom;
+  node->node_->addChild(entry->domain_, below);
+  const unsigned int rest = fullSet(atom) & ~entry->domain_;
+  node->node_->addChild(rest, copySubtree(below, atom, entry->domain_, rest));
+  addConfactorToSubtree(below, confactor, pos - 1, order);
+}
+
+CompleteConfactorSetNodeBase* CompleteConfactorSet::copySubtree(CCFSNB* src, Atom* atom,
+                                                                unsigned int keep,
+                                                                unsigned int moved) {
+  CCFSNB* copy = new CCFSNB(src->parent_);
+  if (src->node_ != NULL) {
+    copy->node_ = new CompleteConfactorSetNode();
+    copy->node_->atom_ = src->node_->atom_;
+    for (auto& child : src->node_->children_) {
+      CCFSNB* childCopy = copySubtree(child.second, atom, keep, moved);
+      childCopy->parent_ = copy;
+      copy->node_->addChild(child.first, childCopy);
+    }
+  }
+  if (src->leaf_ != NULL) {
+    copy->leaf_ = new Confactor(*src->leaf_);
+    copy->leaf_->shrinkAtom(atom, moved, true);
+    src->leaf_->shrinkAtom(atom, keep, true);
+  }
+  return copy;
+}
+
+void CompleteConfactorSet::multiplyValues(CCFSNB* node, Confactor* confactor) {
+  Confactor* product = node->leaf_ == NULL ? new Confactor(*confactor)
+                                           : new Confactor(node->leaf_, confactor, NULL, 0, -1);
+  // The path already states the context.
+  product->removePureContextAtoms();
+  delete node->leaf_;
+  node->leaf_ = product;
+}
+
+void CompleteConfactorSet::sumout(Atom* atom) {
+  sumout(root_, atom);
+}
+
+void CompleteConfactorSet::sumout(CCFSNB* node, Atom* atom) {
+  CompleteConfactorSetNode* branch = node->node_;
+  if (branch != NULL && branch->atom_ != atom) {
+    for (auto& child : branch->children_)
+      sumout(child.second, atom);
+    return;
+  }
+  if (branch != NULL) {
+    // The summed atom is the deepest level: every child is a leaf position,
+    // and adding the children's leaves completes the sum over its values.
+    auto it = branch->children_.begin();
+    Confactor* new_confac = it->second->leaf_;
+    assert(new_confac != __null);
+    new_confac->sumoutAtom(atom, false);
+    for (++it; it != branch->children_.end(); ++it) {
+      assert(it->second->leaf_ != __null);
+      it->second->leaf_->sumoutAtom(atom, false);
+      Confactor* sum = new Confactor(new_confac, it->second->leaf_, NULL, 1, -1);
+      delete new_confac;
+      delete it->second->leaf_;
+      delete it->second;
+      it->second = NULL;
+      new_confac = sum;
+    }
+    delete branch;
+    node->node_ = NULL;
+    node->leaf_ = new_confac;
+    return;
+  }
+  assert(node->leaf_ != __null);
+  node->leaf_->sumoutAtom(atom, false);
+  if (node->leaf_->isRedundant(NULL)) {
+    delete node->leaf_;
+    node->leaf_ = NULL;
+  }
+}
+
+void CompleteConfactorSet::extractConfactors(std::vector<Confactor*>* out) {
+  extractConfactorsGoDown(root_, out);
+}
+
+void CompleteConfactorSet::extractConfactorsGoDown(CCFSNB* node, std::vector<Confactor*>* out) {
+  if (node->node_ == NULL) {
+    if (node->leaf_ != NULL)
+      out->push_back(node->leaf_);
+    node->leaf_ = NULL;  // the caller owns it now
+    return;
+  }
+  Atom* atom = node->node_->atom_;
+  for (auto& child : node->node_->children_) {
+    const size_t first = out->size();
+    extractConfactorsGoDown(child.second, out);
+    for (size_t i = first; i < out->size(); ++i)
+      (*out)[i]->addAtom(atom, ADS_CONTEXT, child.first, 1, -1);
+  }
+}
+
+std::string CompleteConfactorSet::str(std::string indent, bool values) {
+  std::ostringstream os;
+  os << indent;
+  str(&os, root_, indent, values);
+  return os.str();
+}
+
+void CompleteConfactorSet::str(std::ostringstream* os, CompleteConfactorSetNodeBase* node,
+                               std::string& indent, bool values) {
+  if (node == NULL) {
+    *os << "+ -\n";
+    return;
+  }
+  if (node->node_ != NULL) {
+    Atom* atom = node->node_->atom_;
+    const unsigned int d = atom->domainsize_;
+    *os << "+ " << atom->name_ << "\n";
+    const auto& children = node->node_->children_;
+    for (size_t k = 0; k < children.size(); ++k) {
+      std::string bits;
+      for (unsigned int v = 0; v < d; ++v)
+        bits += (children[k].first >> v) & 1u ? '1' : '0';
+      *os << indent << "|\n" << indent << "+-" << bits << "-";
+      std::string below = indent + (k + 1 == children.size() ? " " : "|") + std::string(d + 2, ' ');
+      str(os, children[k].second, below, values);
+    }
+    return;
+  }
+  Confactor* leaf = node->leaf_;
+  if (leaf == NULL) {
+    *os << "empty\n";
+    return;
+  }
+  if (leaf->atoms_.empty()) {
+    *os << "+ " << leaf->values_[0] << "\n";
+    return;
+  }
+  *os << "+";
+  for (const AtomDomStruct* entry : leaf->atoms_) {
+    *os << " " << entry->atom_->name_ << "(";
+    if (entry->flags_ & ADS_CONTEXT)
+      *os << "C";
+    if (entry->flags_ & ADS_TABLE)
+      *os << "T";
+    *os << ")";
+  }
+  if (values) {
+    for (double v : leaf->values_)
+      *os << "\n" << indent << "  " << v;
+  }
+  *os << "\n";
+}

@@ -1,0 +1,452 @@
+#include "cve.h"
+
+#include <algorithm>
+#include <cassert>
+#include <iostream>
+#include <sstream>
+
+#include "completeconfactorset.h"
+
+std::vector<double> CVE::dbl_confactor_(1, 0.0);
+std::deque<Confactor*> CVE::confac_scratch_;
+bool CVE::confac_scratch_in_use_ = false;
+
+namespace {
+
+unsigned int fullSet(const Atom* atom) {
+  return (1u << atom->domainsize_) - 1u;
+}
+
+}  // namespace
+
+CVE::CVE() : factor_context_(false), use_complete_set_tree_(true), num_factors_(0) {}
+
+CVE::~CVE() {
+  while (!factors_.empty())
+    removeFactor(factors_.begin()->second, true);
+}
+
+void CVE::addFactor(Confactor* c) {
+  if (c->atoms_.empty()) {
+    // It could never be found again under an atom, so it would only leak.
+    delete c;
+    return;
+  }
+  for (const AtomDomStruct* entry : c->atoms_) {
+    factors_.insert(std::make_pair(static_cast<int>(entry->atom_->id_), c));
+  }
+  ++num_factors_;
+}
+
+void CVE::removeFactor(Confactor* c, bool destroy) {
+  for (const AtomDomStruct* entry : c->atoms_) {
+    auto range = factors_.equal_range(entry->atom_->id_);
+    for (auto it = range.first; it != range.second; ++it) {
+      if (it->second == c) {
+        factors_.erase(it);
+        break;
+      }
+    }
+  }
+  if (destroy)
+    delete c;
+  --num_factors_;
+}
+
+void CVE::removeFactors(bool destroy) {
+  while (!factors_.empty())
+    removeFactor(factors_.begin()->second, destroy);
+}
+
+void CVE::addAtom(Atom* a) {
+  elim_order_.push_back(a);
+  if (a->atomp_ != NULL)
+    elim_order_.push_back(a->atomp_);
+}
+
+void CVE::sortElimOrder() {
+  std::sort(elim_order_.begin(), elim_order_.end(), Atom::Cmp());
+}
+
+void CVE::reverseElimOrder() {
+  std::reverse(elim_order_.begin(), elim_order_.end());
+}
+
+void CVE::clear() {
+  while (!factors_.empty())
+    removeFactor(factors_.begin()->second, false);
+  elim_order_.clear();
+}
+
+void CVE::combine(const CVE& other) {
+  factors_.insert(other.factors_.begin(), other.factors_.end());
+  elim_order_.insert(elim_order_.end(), other.elim_order_.begin(), other.elim_order_.end());
+}
+
+std::vector<Confactor*>* CVE::getFactorsFor(Atom* a) {
+  auto* result = new std::vector<Confactor*>();
+  auto range = factors_.equal_range(a->id_);
+  for (auto it = range.first; it != range.second; ++it) {
+    if (it->second->isForAtom(*a))
+      result->push_back(it->second);
+  }
+  return result;
+}
+
+std::set<Confactor*, ConfactorCmpId>* CVE::getConfactorSet() const {
+  auto* result = new std::set<Confactor*, ConfactorCmpId>();
+  for (const auto& entry : factors_)
+    result->insert(entry.second);
+  return result;
+}
+
+void CVE::query(Atom* q) {
+  if (factors_.empty())
+    std::cerr << "Empty CVE" << std::endl;
+  sortElimOrder();
+  const size_t n = elim_order_.size();
+  for (size_t i = 0; i < n; ++i) {
+    if (elim_order_[i] == q)
+      continue;
+    if (use_complete_set_tree_) {
+      eliminate(elim_order_[i]);
+    } else {
+      eliminateNoCST(elim_order_[i]);
+    }
+  }
+}
+
+int CVE::queryWithSuspend(Atom* q, unsigned int step) {
+  if (factors_.empty())
+    std::cerr << "Empty CVE" << std::endl;
+  // Sorting again later could reorder atoms whose weights the eliminations rewrote.
+  if (step == 0)
+    sortElimOrder();
+  if (step >= elim_order_.size())
+    return -1;
+  if (elim_order_[step] != q)
+    eliminate(elim_order_[step]);
+  return static_cast<int>(step) + 1;
+}
+
+Confactor* CVE::createCPT() {
+  if (factors_.empty()) {
+    std::cerr << "No factors in cve" << std::endl;
+    return new Confactor(0.0);
+  }
+  std::set<Confactor*, ConfactorCmpId>* all = getConfactorSet();
+  auto it = all->begin();
+  Confactor* result;
+  if (all->size() == 1) {
+    result = (*it)->convertToCPT(false);
+  } else {
+    result = (*it)->convertToCPT(true);
+    for (++it; it != all->end(); ++it) {
+      Confactor* table = (*it)->convertToCPT(true);
+      Confactor* product = new Confactor(table, result, NULL, 0, -1);
+      delete table;
+      delete result;
+      result = product;
+    }
+  }
+  delete all;
+  result->normalize();
+  return result;
+}
+
+void CVE::renormalize() {}
+
+void CVE::eliminate(Atom* a) {
+  std::vector<Confactor*> found;
+  auto range = factors_.equal_range(a->id_);
+  for (auto it = range.first; it != range.second; ++it) {
+    found.push_back(it->second);
+    it->second->resetWeights();
+  }
+
+  // Weights become distinct ranks of the atoms' occurrence counts, with a
+  // lowest: the set branches on frequent atoms at the root and on a deepest.
+  std::vector<Atom*> involved;
+  for (Confactor* c : found) {
+    for (AtomDomStruct* entry : c->atoms_) {
+      involved.push_back(entry->atom_);
+      entry->atom_->weight_++;
+    }
+  }
+  a->weight_ = 0;
+  std::sort(involved.begin(), involved.end(), Atom::CmpWeight());
+  unsigned int counter = 1;
+  int remembered = 0;
+  for (Atom* atom : involved) {
+    if (atom->id_ != remembered) {
+      remembered = atom->id_;
+      atom->weight_ = counter++;
+    }
+  }
+  if (found.empty())
+    return;
+
+  std::sort(found.begin(), found.end(), ConfactorCmpLength());
+  CompleteConfactorSet set;
+  for (Confactor* c : found) {
+    removeFactor(c, false);
+    set.addConfactor(c);
+  }
+  set.sumout(a);
+  std::vector<Confactor*> results;
+  set.extractConfactors(&results);
+  for (Confactor* r : results)
+    addFactor(r);
+}
+
+void CVE::eliminateNoCST(Atom* a) {
+  to_absorb_.clear();
+  complete_set_.clear();
+  auto range = factors_.equal_range(a->id_);
+  for (auto it = range.first; it != range.second; ++it) {
+    if (it->second->isForAtom(*a)) {
+      complete_set_.push_back(it->second);
+    } else {
+      to_absorb_.push_back(it->second);
+    }
+  }
+  for (Confactor* c : complete_set_)
+    removeFactor(c, false);
+  for (Confactor* c : to_absorb_)
+    removeFactor(c, false);
+  std::sort(to_absorb_.begin(), to_absorb_.end(), ConfactorCmpLength());
+
+  Confactor common(0.0);
+  if (!to_absorb_.empty() && factor_context_) {
+    // The context shared by every confactor to absorb and by no table for a
+    // can stay off the products and be put back on the results.
+    common.includeAtomsFromContext(*to_absorb_.front());
+    for (size_t i = 1; i < to_absorb_.size(); ++i)
+      common.excludeAtomsNotInOrNotEqual(*to_absorb_[i]);
+    for (Confactor* member : complete_set_)
+      common.excludeAtomsIn(*member);
+    for (Confactor* member : to_absorb_)
+      member->excludeAtomsIn(common);
+  }
+  while (!to_absorb_.empty()) {
+    Confactor* c = to_absorb_.front();
+    to_absorb_.pop_front();
+    absorb(c);
+    delete c;
+  }
+  sumout(a, common);
+}
+
+void CVE::absorb(Confactor* c) {
+  const size_t n = complete_set_.size();
+  for (size_t i = 0; i < n; ++i) {
+    Confactor* e = complete_set_[i];
+    if (!e->isCompatibleOrOverlapping(*c))
+      continue;
+    createResiduals(e, c, &complete_set_, true);
+    complete_set_[i] = new Confactor(e, c, NULL, 0, -1);
+    delete e;
+  }
+}
+
+void CVE::unifySets(Confactor* target, Confactor** other, std::deque<Confactor*>* out,
+                    bool copyOther) {
+  bool copied = false;
+  int cursor = static_cast<int>(target->atoms_.size()) - 1;
+  for (int j = static_cast<int>((*other)->atoms_.size()) - 1; j >= 0; --j) {
+    Atom* atom = (*other)->atoms_[j]->atom_;
+    while (cursor >= 0 && target->atoms_[cursor]->atom_->rank_ > atom->rank_)
+      --cursor;
+    if (cursor < 0)
+      break;
+    AtomDomStruct* mine = target->atoms_[cursor];
+    AtomDomStruct* theirs = (*other)->atoms_[j];
+    if (mine->atom_ != atom)
+      continue;
+    if (((theirs->flags_ | mine->flags_) & ADS_CONTEXT) == 0)
+      continue;
+    const unsigned int full = fullSet(atom);
+    if (((theirs->domain_ ^ mine->domain_) & full) == 0)
+      continue;
+
+    const unsigned int onlyTheirs = theirs->domain_ & ~mine->domain_ & full;
+    if (onlyTheirs != 0) {
+      if (copyOther && !copied) {
+        *other = new Confactor(**other);
+        copied = true;
+        theirs = (*other)->atoms_[j];
+      }
+      (*other)->shrinkAtom(atom, theirs->domain_ & ~onlyTheirs, true);
+    }
+    const unsigned int onlyMine = mine->domain_ & ~theirs->domain_ & full;
+    if (onlyMine != 0) {
+      Confactor* residual = new Confactor(*target);
+      residual->shrinkAtom(atom, onlyMine, true);
+      out->push_back(residual);
+      target->shrinkAtom(atom, mine->domain_ & ~onlyMine, true);
+    }
+  }
+}
+
+void CVE::createResiduals(Confactor* target, Confactor* other, std::deque<Confactor*>* out,
+                          bool copyOther) {
+  Confactor* o = other;
+  unifySets(target, &o, out, copyOther);
+  Confactor adjusted_factor(*target);
+  int i_adfac = static_cast<int>(adjusted_factor.atoms_.size()) - 1;
+  for (int j = static_cast<int>(o->atoms_.size()) - 1; j >= 0; --j) {
+    AtomDomStruct* it_con = o->atoms_[j];
+    if ((it_con->flags_ & ADS_CONTEXT) == 0)
+      continue;
+    Atom* atom = it_con->atom_;
+    while (i_adfac >= 0 && adjusted_factor.atoms_[i_adfac]->atom_->rank_ > atom->rank_)
+      --i_adfac;
+    if (i_adfac >= 0 && adjusted_factor.atoms_[i_adfac]->atom_ == atom) {
+      if ((adjusted_factor.atoms_[i_adfac]->flags_ & ADS_CONTEXT) == 0) {
+        std::cerr << "Does this ever happen???" << std::endl;
+        assert(false);
+      }
+      assert(adjusted_factor.atoms_[i_adfac]->sameDomain(*it_con));
+      continue;
+    }
+    // The part of target where other's context fails on this atom is a
+    // residual; the working copy continues inside other's context. The new
+    // entry lands above the cursor, so the cursor stays valid.
+    auto added =
+        adjusted_factor.addAtom(atom, ADS_CONTEXT, fullSet(atom) & ~it_con->domain_, 1, -1);
+    out->push_back(new Confactor(adjusted_factor));
+    (*added.first)->setDomain(it_con->domain_);
+  }
+  if (o != other)
+    delete o;
+}
+
+void CVE::addFactorToCompleteSet(Confactor* c, std::deque<Confactor*>* out, bool,
+                                 bool takeOwnership) {
+  out->push_back(takeOwnership ? c : new Confactor(*c));
+}
+
+void CVE::sumout(Atom* a, Confactor& common) {
+  // Pieces cut to part of a's values, keyed by that value set.
+  std::multimap<unsigned int, Confactor*> partial;
+  std::deque<Confactor*> residuals;
+  for (Confactor* c : complete_set_) {
+    auto entry = c->atoms_.find(a);
+    if (entry != c->atoms_.end() && ((*entry)->flags_ & ADS_CONTEXT)) {
+      const unsigned int values = (*entry)->domain_;
+      c->sumoutAtom(a, false);
+      partial.insert(std::make_pair(values, c));
+      continue;
+    }
+    c->sumoutAtom(a, false);
+    if (c->isRedundant(a)) {
+      delete c;
+      continue;
+    }
+    c->includeAtomsFromContext(common);
+    addFactor(c);
+  }
+  // The members now live in factors_ or are gone.
+  complete_set_.clear();
+
+  const unsigned int full = fullSet(a);
+  while (!partial.empty()) {
+    const unsigned int values1 = partial.begin()->first;
+    Confactor* c1 = partial.begin()->second;
+    partial.erase(partial.begin());
+    auto match = partial.begin();
+    while (match != partial.end() &&
+           ((values1 & match->first & full) != 0 || !c1->isCompatibleOrOverlapping(*match->second)))
+      ++match;
+    if (match == partial.end()) {
+      if (c1->isRedundant(NULL)) {
+        delete c1;
+      } else {
+        addFactor(c1);
+      }
+      continue;
+    }
+    const unsigned int values2 = match->first;
+    Confactor* c2 = match->second;
+    partial.erase(match);
+    const unsigned int values = values1 | values2;
+    residuals.clear();
+    createResiduals(c2, c1, &residuals, true);
+    for (Confactor* r : residuals)
+      partial.insert(std::make_pair(values2, r));
+    residuals.clear();
+    createResiduals(c1, c2, &residuals, true);
+    for (Confactor* r : residuals)
+      partial.insert(std::make_pair(values1, r));
+    Confactor* sum = new Confactor(c1, c2, NULL, 1, -1);
+    if ((values & full) != full) {
+      sum->shrinkAtom(a, values, true);
+      partial.insert(std::make_pair(values, sum));
+    } else if (sum->isRedundant(NULL)) {
+      delete sum;
+    } else {
+      sum->includeAtomsFromContext(common);
+      addFactor(sum);
+    }
+    delete c1;
+    delete c2;
+  }
+}
+
+std::string CVE::str() const {
+  std::ostringstream os;
+  os << "# CVE Current State:\n\n";
+  os << "## ElimOrder:\n\n";
+  for (const Atom* atom : elim_order_)
+    os << "* " << *atom << "\n";
+  os << "\n## Factors:\n\n";
+  std::set<Confactor*, ConfactorCmpId>* all = getConfactorSet();
+  for (const Confactor* c : *all)
+    os << c->str("    ", false) << "\n";
+  delete all;
+  return os.str();
+}
+
+std::ostream& operator<<(std::ostream& os, const CVE& cve) {
+  return os << cve.str();
+}
+
+namespace {
+
+void writeSets(std::ostream& os, const std::deque<Confactor*>& complete,
+               const std::deque<Confactor*>& toAbsorb) {
+  os << "Complete set:" << std::endl << "-------------" << std::endl;
+  unsigned int i = 0;
+  for (const Confactor* c : complete)
+    os << "[" << i++ << "] : " << c->str("", false) << std::endl;
+  os << "To absorb set:" << std::endl << "--------------" << std::endl;
+  i = 0;
+  for (const Confactor* c : toAbsorb)
+    os << "[" << i++ << "] : " << c->str("", false) << std::endl;
+}
+
+}  // namespace
+
+std::string CVE::strSets() const {
+  std::ostringstream os;
+  writeSets(os, complete_set_, to_absorb_);
+  return os.str();
+}
+
+void CVE::printSets() const {
+  writeSets(std::cout, complete_set_, to_absorb_);
+}
+
+std::string CVE::xml() const {
+  std::ostringstream os;
+  os << "<cve>\n<elimorder>";
+  for (const Atom* atom : elim_order_)
+    os << atom->xml() << " ";
+  os << "</elimorder>\n";
+  std::set<Confactor*, ConfactorCmpId>* all = getConfactorSet();
+  for (const Confactor* c : *all)
+    os << c->xml("");
+  delete all;
+  os << "</cve>\n";
+  return os.str();
+}

@@ -1,0 +1,112 @@
+// Contextual variable elimination: a bag of confactors over a network's atoms
+// and the order in which the atoms are eliminated from it.
+#ifndef CPLOGIC_CVE_H
+#define CPLOGIC_CVE_H
+
+#include <deque>
+#include <map>
+#include <ostream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "atom.h"
+#include "confactor.h"
+
+// The elimination engine. Fill it with addFactor and addAtom, query once
+// (query, or queryWithSuspend step by step), read the answer with createCPT.
+// Not reentrant: elimination rewrites the weights of the atoms involved and
+// the confactor algebra uses shared scratch data.
+class CVE {
+ public:
+  // Each confactor once under the id of every atom it has an entry for, equal
+  // ids in insertion order. The engine owns the confactors.
+  std::multimap<int, Confactor*> factors_;
+  std::vector<Atom*> elim_order_;  // atoms not owned
+  // Lets eliminateNoCST factor out the context that all confactors to absorb share.
+  bool factor_context_;
+  // query eliminates with eliminate when true, with eliminateNoCST when false.
+  bool use_complete_set_tree_;
+  int num_factors_;  // distinct confactors in factors_
+  // Working sets of eliminateNoCST: confactors that only have the atom in
+  // their context, and those that are tables for it (plus split residuals).
+  // Both are empty again when an elimination ends. g++ names a template in
+  // assertion messages as it is first written in a unit; createResiduals'
+  // messages quote the deque with its allocator, so it is written so here.
+  std::deque<Confactor*, std::allocator<Confactor*> > to_absorb_;
+  std::deque<Confactor*> complete_set_;
+
+  // Reserved scratch storage; no operation uses it.
+  static std::vector<double> dbl_confactor_;
+  static std::deque<Confactor*> confac_scratch_;
+  static bool confac_scratch_in_use_;
+
+  CVE();
+  CVE(const CVE&) = delete;
+  CVE& operator=(const CVE&) = delete;
+  // Destroys every confactor still entered.
+  ~CVE();
+
+  // Takes ownership of c. A confactor without atom entries could never be
+  // found under an atom again, not even by createCPT, so it is destroyed at once.
+  void addFactor(Confactor* c);
+  // Takes c out of the map; destroys it when destroy is true, else c goes
+  // back to the caller.
+  void removeFactor(Confactor* c, bool destroy);
+  void removeFactors(bool destroy);
+  // Appends a (not owned) and, when it has one, its prime atom.
+  void addAtom(Atom* a);
+  void sortElimOrder();
+  void reverseElimOrder();
+  // Forgets every confactor without destroying it and empties the order.
+  void clear();
+  // Adds other's confactors and order to this engine. The confactors are then
+  // shared: exactly one of the two engines may destroy them (clear the other).
+  void combine(const CVE& other);
+  // New vector (caller frees) of the tables for a; the engine keeps the confactors.
+  std::vector<Confactor*>* getFactorsFor(Atom* a);
+  // New set (caller frees) of the distinct confactors; the engine keeps them.
+  std::set<Confactor*, ConfactorCmpId>* getConfactorSet() const;
+
+  // Eliminates every atom of the order except q, in rank order.
+  void query(Atom* q);
+  // One elimination of a query, for step = 0, 1, ...; returns the next step,
+  // or -1 when the order is done. Always uses the complete-set variant.
+  int queryWithSuspend(Atom* q, unsigned int step);
+  // The normalised product of the remaining confactors as one complete table;
+  // the caller owns the result.
+  Confactor* createCPT();
+  void renormalize();
+
+  // Eliminates a through a complete confactor set.
+  void eliminate(Atom* a);
+  // Eliminates a by absorption into the tables for a, then summing out.
+  void eliminateNoCST(Atom* a);
+  // Sums a out of complete_set_ and enters the results; confactors that were
+  // cut to a part of a's values are added to their complements first.
+  void sumout(Atom* a, Confactor& common);
+  // Multiplies c into every overlapping member of complete_set_; c stays the caller's.
+  void absorb(Confactor* c);
+  // Appends to *out (which takes ownership) the parts of target outside other's
+  // context and restricts target to the rest. other is not changed; the copy
+  // made of it when copyOther is set is destroyed here.
+  void createResiduals(Confactor* target, Confactor* other, std::deque<Confactor*>* out,
+                       bool copyOther);
+  // Makes the value sets of the atoms the two share (in a context) equal. The
+  // values of target outside *other go to copies appended to *out (owned by
+  // out). With copyOther, *other is replaced by a copy before it is changed;
+  // the caller owns that copy and compares *other with its old value to know.
+  void unifySets(Confactor* target, Confactor** other, std::deque<Confactor*>* out, bool copyOther);
+  // Appends c to *out when takeOwnership, else a copy of c (c stays the caller's).
+  void addFactorToCompleteSet(Confactor* c, std::deque<Confactor*>* out, bool ignored,
+                              bool takeOwnership);
+
+  std::string str() const;
+  std::string strSets() const;
+  void printSets() const;
+  std::string xml() const;
+};
+
+std::ostream& operator<<(std::ostream& os, const CVE& cve);
+
+#endif

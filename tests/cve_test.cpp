@@ -1,0 +1,557 @@
+// The elimination engine, its complete confactor set and the confactor
+// network, against enumeration of all worlds of random networks.
+#include "cve.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <random>
+
+#include "completeconfactorset.h"
+#include "confactor.h"
+#include "confactornetwork.h"
+
+namespace {
+
+// A random Bayesian network written as contextual tables. Every atom's
+// conditional table is a context tree over its parents; each leaf ("piece")
+// holds a table over the child and the parents that still matter there. The
+// reference evaluates the pieces on full assignments, with no engine class.
+struct Piece {
+  int child;
+  std::vector<std::pair<int, unsigned>> context;  // (atom, allowed value set)
+  std::vector<int> scope;                         // child first, then parents
+  std::vector<double> table;                      // first scope atom fastest
+};
+
+struct Model {
+  std::vector<unsigned> dom;
+  std::vector<Piece> pieces;
+  std::vector<std::vector<double>> marginal;  // by atom, by value
+};
+
+bool holds(const Piece& p, const std::vector<unsigned>& x) {
+  for (auto& c : p.context)
+    if (!((c.second >> x[c.first]) & 1u))
+      return false;
+  return true;
+}
+
+double lookup(const Model& m, const Piece& p, const std::vector<unsigned>& x) {
+  size_t index = 0, stride = 1;
+  for (int a : p.scope) {
+    index += x[a] * stride;
+    stride *= m.dom[a];
+  }
+  return p.table[index];
+}
+
+// Splits the child's table on a parent not yet on the path (up to two
+// levels deep), or ends the path in a piece over some of the other parents.
+// Three-valued atoms are split {0,1} | {2} only: the confactor product maps
+// a restricted table dimension exactly when its values start at 0 without
+// gaps or are a single value, and a split {0} | {1,2} would multiply tables
+// restricted to {1,2} (see ThreeWayContextSplit for single values).
+void growPieces(Model& m, std::mt19937& rng, int child, const std::vector<int>& parents,
+                std::vector<std::pair<int, unsigned>> path, bool contextual) {
+  std::vector<int> free;
+  for (int p : parents)
+    if (std::none_of(path.begin(), path.end(), [p](auto& c) { return c.first == p; }))
+      free.push_back(p);
+  std::uniform_real_distribution<double> u(0.0, 1.0);
+  if (contextual && !free.empty() && path.size() < 2 && u(rng) < 0.7) {
+    int c = free[rng() % free.size()];
+    for (unsigned part :
+         m.dom[c] == 2 ? std::vector<unsigned>{1, 2} : std::vector<unsigned>{3, 4}) {
+      path.push_back({c, part});
+      growPieces(m, rng, child, parents, path, contextual);
+      path.pop_back();
+    }
+    return;
+  }
+  Piece p{child, path, {child}, {}};
+  for (int q : free)
+    if (!contextual || u(rng) < 0.6)
+      p.scope.push_back(q);
+  for (auto& c : path)
+    if (c.second == 3)
+      p.scope.push_back(c.first);  // still varies inside {0,1}
+  size_t size = 1;
+  for (int a : p.scope)
+    size *= m.dom[a];
+  p.table.resize(size);
+  for (size_t base = 0; base < size; base += m.dom[child]) {
+    double sum = 0;
+    for (unsigned v = 0; v < m.dom[child]; ++v)
+      sum += p.table[base + v] = 0.05 + u(rng);
+    for (unsigned v = 0; v < m.dom[child]; ++v)
+      p.table[base + v] /= sum;
+  }
+  m.pieces.push_back(p);
+}
+
+// The unnormalised marginals of every atom, by summing over every world.
+void enumerate(Model& m) {
+  const int n = m.dom.size();
+  m.marginal.assign(n, {});
+  for (int i = 0; i < n; ++i)
+    m.marginal[i].assign(m.dom[i], 0.0);
+  std::vector<unsigned> x(n, 0);
+  for (int k = 0; k < n;) {
+    double p = 1.0;
+    for (auto& piece : m.pieces)
+      if (holds(piece, x))
+        p *= lookup(m, piece, x);
+    for (int i = 0; i < n; ++i)
+      m.marginal[i][x[i]] += p;
+    for (k = 0; k < n && ++x[k] == m.dom[k]; ++k)
+      x[k] = 0;
+  }
+}
+
+Model randomModel(unsigned seed, bool contextual) {
+  std::mt19937 rng(seed);
+  Model m;
+  const int n = 5 + rng() % 8;
+  for (int i = 0; i < n; ++i)
+    m.dom.push_back(rng() % 4 == 0 ? 3 : 2);
+  for (int i = 0; i < n; ++i) {
+    std::vector<int> parents;
+    for (int j = 0; j < i; ++j)
+      if (parents.size() < 3 && rng() % 3 == 0)
+        parents.push_back(j);
+    growPieces(m, rng, i, parents, {}, contextual);
+  }
+  enumerate(m);
+  return m;
+}
+
+std::vector<int> shuffledRanks(size_t n, unsigned seed) {
+  std::vector<int> ranks(n);
+  for (size_t i = 0; i < n; ++i)
+    ranks[i] = i + 1;
+  std::shuffle(ranks.begin(), ranks.end(), std::mt19937(seed));
+  return ranks;
+}
+
+// The model's atoms, ranked by a permutation, and its pieces as confactors.
+struct EngineModel {
+  std::vector<std::unique_ptr<Atom>> atoms;
+  std::vector<Confactor*> confactors;  // owned until handed to an engine
+
+  // ranks[i] is atom i's rank, and so its place in the elimination order.
+  EngineModel(const Model& m, const std::vector<int>& ranks) {
+    for (size_t i = 0; i < m.dom.size(); ++i) {
+      atoms.emplace_back(new Atom("x" + std::to_string(i), m.dom[i]));
+      atoms.back()->rank_ = ranks[i];  // before any confactor sorts its entries
+    }
+    for (const Piece& p : m.pieces)
+      confactors.push_back(build(m, p));
+  }
+  ~EngineModel() {
+    for (Confactor* c : confactors)
+      delete c;
+  }
+
+  Confactor* build(const Model& m, const Piece& p) {
+    std::vector<int> scope = p.scope;
+    for (auto& c : p.context)
+      if (std::find(scope.begin(), scope.end(), c.first) == scope.end())
+        scope.push_back(c.first);
+    std::sort(scope.begin(), scope.end(),
+              [this](int a, int b) { return atoms[a]->rank_ < atoms[b]->rank_; });
+    std::vector<Atom*> list;
+    size_t size = 1;
+    for (int a : scope) {
+      list.push_back(atoms[a].get());
+      size *= m.dom[a];
+    }
+    // Values in the engine's layout: lowest rank fastest.
+    std::vector<double> values(size);
+    std::vector<unsigned> x(m.dom.size(), 0);
+    for (size_t k = 0; k < size; ++k) {
+      size_t rest = k;
+      for (int a : scope) {
+        x[a] = rest % m.dom[a];
+        rest /= m.dom[a];
+      }
+      values[k] = lookup(m, p, x);
+    }
+    Confactor* c = new Confactor(list, atoms[p.child].get(), values);
+    for (auto& ctx : p.context)
+      c->shrinkAtom(atoms[ctx.first].get(), ctx.second, true);
+    return c;
+  }
+
+  std::vector<double> run(int q, bool tree, bool suspend = false, bool factorContext = false) {
+    CVE cve;
+    cve.use_complete_set_tree_ = tree;
+    cve.factor_context_ = factorContext;
+    for (Confactor* c : confactors)
+      cve.addFactor(new Confactor(*c));
+    for (auto& a : atoms)
+      cve.addAtom(a.get());
+    if (suspend) {
+      int step = 0;
+      while ((step = cve.queryWithSuspend(atoms[q].get(), step)) != -1) {
+      }
+    } else {
+      cve.query(atoms[q].get());
+    }
+    std::unique_ptr<Confactor> cpt(cve.createCPT());
+    EXPECT_EQ(cpt->atoms_.size(), 1u);
+    return cpt->values_;
+  }
+};
+
+void expectMarginal(const std::vector<double>& got, const std::vector<double>& joint) {
+  double total = 0;
+  for (double p : joint)
+    total += p;
+  ASSERT_EQ(got.size(), joint.size());
+  for (size_t v = 0; v < got.size(); ++v)
+    EXPECT_NEAR(got[v], joint[v] / total, 1e-9) << v;
+}
+
+// Both variants (the list variant with and without factoring out a shared
+// context, the tree variant also stepped through queryWithSuspend), three
+// elimination orders and a third of the atoms as queries per
+// network, against enumeration of all worlds.
+TEST(CVEReference, MarginalsMatchEnumeration) {
+  for (bool contextual : {false, true}) {
+    for (unsigned seed = 1; seed <= 20; ++seed) {
+      Model m = randomModel(seed, contextual);
+      for (unsigned order = 0; order < 3; ++order) {
+        EngineModel e(m, shuffledRanks(m.dom.size(), seed * 7 + order));
+        for (unsigned q = order; q < m.dom.size(); q += 3) {
+          SCOPED_TRACE(::testing::Message() << "ctx " << contextual << " seed " << seed << " order "
+                                            << order << " query " << q);
+          expectMarginal(e.run(q, true, order == 2), m.marginal[q]);
+          expectMarginal(e.run(q, false, false, order == 1), m.marginal[q]);
+        }
+      }
+    }
+  }
+}
+
+// One three-valued atom split three ways: the tree splits a child it made
+// for the complement of the first context, and the list variant adds the
+// pieces of the eliminated atom's values pairwise up to its whole domain.
+TEST(CVEReference, ThreeWayContextSplit) {
+  Model m;
+  m.dom = {3, 2, 2};
+  std::mt19937 rng(5);
+  growPieces(m, rng, 0, {}, {}, false);
+  for (unsigned part : {1u, 2u, 4u})
+    growPieces(m, rng, 1, {}, {{0, part}}, false);
+  growPieces(m, rng, 2, {0, 1}, {}, false);
+  enumerate(m);
+  std::vector<int> ranks{1, 2, 3};
+  unsigned order = 0;
+  do {
+    EngineModel e(m, ranks);
+    for (int q = 0; q < 3; ++q) {
+      SCOPED_TRACE(::testing::Message() << "order " << order << " query " << q);
+      expectMarginal(e.run(q, true), m.marginal[q]);
+      expectMarginal(e.run(q, false, false, q == 2), m.marginal[q]);
+    }
+    ++order;
+  } while (std::next_permutation(ranks.begin(), ranks.end()));
+}
+
+// --- Small hand-built engines and sets ---
+
+// Atoms ranked a < b < c and weighted as an elimination of a weighs them:
+// a lightest (deepest in a complete set), b heaviest.
+struct Fixture {
+  Atom a{"a", 2}, b{"b", 2}, c{"c", 3};
+  Fixture() {
+    a.rank_ = 1, b.rank_ = 2, c.rank_ = 3;
+    a.weight_ = 1, c.weight_ = 2, b.weight_ = 3;
+  }
+  // A table for atoms[0], restricted to the given (atom, value set) contexts.
+  Confactor* table(std::vector<Atom*> atoms, std::vector<double> values,
+                   std::vector<std::pair<Atom*, unsigned>> contexts = {}) {
+    Confactor* f = new Confactor(atoms, atoms[0], values);
+    for (auto& ctx : contexts)
+      f->shrinkAtom(ctx.first, ctx.second, true);
+    return f;
+  }
+};
+
+TEST(CVE, EmptyEngineReportsAndAnswersZero) {
+  CVE cve;
+  Atom q("q", 2);
+  testing::internal::CaptureStderr();
+  cve.query(&q);
+  EXPECT_EQ(cve.queryWithSuspend(&q, 0), -1);
+  std::unique_ptr<Confactor> cpt(cve.createCPT());
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Empty CVE\nEmpty CVE\nNo factors in cve\n");
+  EXPECT_TRUE(cpt->atoms_.empty());
+  EXPECT_EQ(cpt->values_, std::vector<double>{0.0});
+}
+
+TEST(CVE, SuspendSkipsTheQueryAtomAndEndsWithMinusOne) {
+  Fixture t;
+  CVE cve;
+  cve.addFactor(t.table({&t.a}, {1, 3}));
+  cve.addFactor(t.table({&t.b, &t.a}, {0.5, 0.2, 0.5, 0.8}));  // a fastest
+  cve.addAtom(&t.b);
+  cve.addAtom(&t.a);
+  EXPECT_EQ(cve.queryWithSuspend(&t.a, 0), 1);  // sorted: a first, skipped
+  EXPECT_EQ(cve.factors_.size(), 3u);
+  EXPECT_EQ(cve.queryWithSuspend(&t.a, 1), 2);
+  EXPECT_EQ(cve.queryWithSuspend(&t.a, 2), -1);
+  std::unique_ptr<Confactor> cpt(cve.createCPT());
+  EXPECT_NEAR(cpt->values_[0], 0.25, 1e-12);
+  // The sum over b was all ones and dropped; eliminating an atom that no
+  // confactor mentions changes nothing.
+  EXPECT_EQ(cve.num_factors_, 1);
+  cve.eliminate(&t.c);
+  EXPECT_EQ(cve.factors_.size(), 1u);
+}
+
+TEST(CVE, AbsorptionDropsWhatMeetsNoTable) {
+  Fixture t;
+  CVE cve;
+  cve.use_complete_set_tree_ = false;
+  cve.addFactor(t.table({&t.a, &t.b}, {0.3, 0.5, 0.6, 0.4}, {{&t.b, 1}}));     // b = 0
+  cve.addFactor(t.table({&t.b, &t.a}, {2, 5, 3, 7}, {{&t.a, 2}, {&t.b, 2}}));  // b = 1
+  cve.eliminateNoCST(&t.a);
+  ASSERT_EQ(cve.num_factors_, 1);
+  Confactor* left = cve.factors_.begin()->second;
+  EXPECT_EQ(left->values_, std::vector<double>{0.8});
+  EXPECT_EQ(left->getAtomDomain(t.b), 1u);
+}
+
+// b's context splits the tree; tables over b are cut per child; a context on
+// c over its whole domain still splits, and a narrower one splits a child in
+// two; summing a adds sibling leaves; extraction puts the path back.
+TEST(CompleteConfactorSet, SplitsMultipliesSumsAndExtracts) {
+  Fixture t;
+  CompleteConfactorSet set;
+  set.addConfactor(t.table({&t.a, &t.b}, {9, 9, 0.5, 0.5}, {{&t.b, 2}}));
+  set.addConfactor(t.table({&t.a, &t.b}, {1, 2, 3, 4}));
+  CompleteConfactorSetNode* root = set.root_->node_;
+  ASSERT_NE(root, nullptr);
+  EXPECT_EQ(root->atom_, &t.b);
+  ASSERT_EQ(root->children_.size(), 2u);
+  EXPECT_EQ(root->children_[0].first, 2u);
+  EXPECT_EQ(root->children_[0].second->leaf_->values_, (std::vector<double>{1.5, 2}));
+  EXPECT_EQ(root->children_[1].first, 1u);
+  EXPECT_EQ(root->children_[1].second->leaf_->values_, (std::vector<double>{1, 2}));
+  Confactor* everyC = t.table({&t.a}, {1, 1});
+  everyC->addAtom(&t.c, ADS_CONTEXT, 7, 1, -1);
+  set.addConfactor(everyC);
+  Confactor* c0 = t.table({&t.a}, {2, 2});
+  c0->addAtom(&t.c, ADS_CONTEXT, 1, 1, -1);
+  set.addConfactor(c0);
+  set.addConfactor(t.table({&t.b}, {10, 100}));  // all placed above the c levels
+  const auto& cLevel = root->children_[0].second->node_->children_;
+  ASSERT_EQ(cLevel.size(), 3u);
+  EXPECT_EQ((std::vector<unsigned>{cLevel[0].first, cLevel[1].first, cLevel[2].first}),
+            (std::vector<unsigned>{1, 0, 6}));
+  set.sumout(&t.a);
+  std::vector<Confactor*> out;
+  set.extractConfactors(&out);
+  const std::vector<double> sums{700, 350, 350, 60, 30, 30};
+  const std::vector<unsigned> bs{2, 2, 2, 1, 1, 1}, cs{1, 0, 6, 1, 0, 6};
+  ASSERT_EQ(out.size(), sums.size());
+  for (size_t i = 0; i < out.size(); ++i) {
+    EXPECT_EQ(out[i]->values_, std::vector<double>{sums[i]}) << i;
+    EXPECT_EQ(out[i]->getAtomDomain(t.b), bs[i]);
+    EXPECT_EQ(out[i]->getAtomDomain(t.c), cs[i]);
+    delete out[i];
+  }
+}
+
+TEST(CompleteConfactorSet, DumpKeepsTokensAndChildOrder) {
+  Fixture t;
+  CompleteConfactorSet set;  // destroyed unextracted: frees the leaves
+  // b: {1} -> c ({0,1} -> table over a, {2} -> empty), {0} -> a constant.
+  set.root_->node_ = new CompleteConfactorSetNode();
+  set.root_->node_->atom_ = &t.b;
+  CCFSNB* inner = new CCFSNB(set.root_);
+  inner->node_ = new CompleteConfactorSetNode();
+  inner->node_->atom_ = &t.c;
+  inner->node_->addChild(3, new CCFSNB(inner));
+  inner->node_->children_[0].second->leaf_ = t.table({&t.a}, {0.25, 0.75});
+  inner->node_->addChild(4, new CCFSNB(inner));
+  set.root_->node_->addChild(2, inner);
+  set.root_->node_->addChild(1, new CCFSNB(set.root_));
+  set.root_->node_->children_[1].second->leaf_ = new Confactor(0.5);
+  const std::string text = set.str(">", true);
+  size_t at = 0;
+  for (const char* token : {">+ b", "|", "+-01-", "+ c", "+-110-", "+ a(T)", "  0.25", "  0.75",
+                            "+-001-", "empty", "+-10-", "+ 0.5"}) {
+    at = text.find(token, at);
+    ASSERT_NE(at, std::string::npos) << token << " in\n" << text;
+  }
+  EXPECT_EQ(set.str("", false).find("0.25"), std::string::npos);
+}
+
+TEST(CVEText, StateSetsAndXmlKeepTheirFrames) {
+  Fixture t;
+  CVE cve;
+  Confactor* c = t.table({&t.a}, {0.25, 0.75});
+  cve.addFactor(c);
+  cve.addAtom(&t.a);
+  std::ostringstream atomText;
+  atomText << t.a;
+  EXPECT_EQ(cve.str(), "# CVE Current State:\n\n## ElimOrder:\n\n* " + atomText.str() +
+                           "\n\n## Factors:\n\n" + c->str("    ", false) + "\n");
+  std::ostringstream streamed;
+  streamed << cve;
+  EXPECT_EQ(streamed.str(), cve.str());
+  EXPECT_EQ(cve.xml(),
+            "<cve>\n<elimorder>" + t.a.xml() + " </elimorder>\n" + c->xml("") + "</cve>\n");
+  cve.complete_set_.push_back(c);
+  cve.to_absorb_ = {c, c};
+  const std::string line = c->str("", false) + "\n";
+  const std::string sets = "Complete set:\n-------------\n[0] : " + line +
+                           "To absorb set:\n--------------\n[0] : " + line + "[1] : " + line;
+  EXPECT_EQ(cve.strSets(), sets);
+  testing::internal::CaptureStdout();
+  cve.printSets();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), sets);
+}
+
+// glibc's assertion line as a regular expression that matches it literally.
+std::string literal(const std::string& text) {
+  std::string escaped;
+  for (char ch : text) {
+    if (std::string("()[]{}*+?.^$|\\").find(ch) != std::string::npos)
+      escaped += '\\';
+    escaped += ch;
+  }
+  return escaped;
+}
+
+std::string assertion(const std::string& file, const std::string& function,
+                      const std::string& condition) {
+  return literal(file) + ":[0-9]+: " + literal(function + ": Assertion `" + condition + "' failed");
+}
+
+const char* kInsert =
+    "void CompleteConfactorSet::addConfactorToSubtree(CCFSNB*, Confactor*, int, "
+    "std::vector<unsigned int, std::allocator<unsigned int> >*)";
+const char* kSumout = "void CompleteConfactorSet::sumout(CCFSNB*, Atom*)";
+const char* kSetFile = "src/completeconfactorset.cpp";
+
+const char* kResiduals =
+    "void CVE::createResiduals(Confactor*, Confactor*, std::deque<Confactor*, "
+    "std::allocator<Confactor*> >*, bool)";
+
+TEST(CVEDeathTest, ResidualsWithInconsistentContextsAbort) {
+  Fixture t;
+  // other's context on c covers every value, so unification leaves target's
+  // plain table entry for c as it is.
+  EXPECT_DEATH(
+      {
+        Confactor target(1.0);
+        target.addAtom(&t.c, ADS_TABLE, -1, 1, -1);
+        Confactor other(1.0);
+        other.addAtom(&t.c, ADS_CONTEXT, 7, 1, -1);
+        std::deque<Confactor*> out;
+        CVE().createResiduals(&target, &other, &out, true);
+      },
+      "Does this ever happen\\?\\?\\?\n.*" + assertion("src/cve.cpp", kResiduals, "false"));
+  // An entry list that names c twice defeats unification.
+  EXPECT_DEATH(
+      {
+        Confactor target(1.0);
+        target.addAtom(&t.c, ADS_CONTEXT, 7, 1, -1);
+        Confactor other(1.0);
+        other.atoms_.push_back(new AtomDomStruct(&t.c, 1, ADS_CONTEXT));
+        other.atoms_.push_back(new AtomDomStruct(&t.c, 3, ADS_CONTEXT));
+        std::deque<Confactor*> out;
+        CVE().createResiduals(&target, &other, &out, true);
+      },
+      assertion("src/cve.cpp", kResiduals, "adjusted_factor.atoms_[i_adfac]->sameDomain(*it_con)"));
+}
+
+TEST(CompleteConfactorSetDeathTest, BrokenTreesAbortWithTheirCondition) {
+  Fixture t;
+  EXPECT_DEATH(
+      {
+        CompleteConfactorSet set;
+        std::vector<unsigned int> order;
+        set.addConfactorToSubtree(set.root_, nullptr, -1, &order);
+      },
+      assertion(kSetFile, kInsert, "confactor != __null"));
+  EXPECT_DEATH(
+      {
+        CompleteConfactorSet set;
+        set.addConfactor(t.table({&t.b}, {1, 1}, {{&t.b, 1}}));
+        t.c.weight_ = t.b.weight_;  // another atom on the same level
+        set.addConfactor(t.table({&t.c}, {1, 1, 1}, {{&t.c, 1}}));
+      },
+      assertion(kSetFile, kInsert, "false"));
+  EXPECT_DEATH(
+      {
+        CompleteConfactorSet set;
+        set.root_->node_ = new CompleteConfactorSetNode();
+        set.root_->node_->atom_ = &t.a;
+        set.root_->node_->addChild(3, new CCFSNB(set.root_));
+        set.sumout(&t.a);
+      },
+      assertion(kSetFile, kSumout, "new_confac != __null"));
+  EXPECT_DEATH(
+      {
+        CompleteConfactorSet set;
+        set.addConfactor(t.table({&t.a}, {1, 1}, {{&t.a, 2}}));  // nothing where a = 0
+        set.sumout(&t.a);
+      },
+      assertion(kSetFile, kSumout, "it->second->leaf_ != __null"));
+  EXPECT_DEATH(
+      {
+        CompleteConfactorSet set;
+        set.sumout(&t.a);
+      },
+      assertion(kSetFile, kSumout, "node->leaf_ != __null"));
+}
+
+// --- ConfactorNetwork ---
+
+TEST(ConfactorNetwork, QueriesRunOnCopiesAndRefillOnlyAfterAdding) {
+  ConfactorNetwork net;
+  Atom* a = net.addAtom("a");
+  Atom* b = net.addAtom("b");
+  std::vector<Atom*> scopeA{a}, scopeB{b, a};
+  net.addConfactor(new Confactor(scopeA, a, 0.5));
+  net.addConfactor(new Confactor(scopeB, b, 0.5));
+  delete net.query(b, nullptr);  // ranks and fills at random
+  // Tables of our own: a query that refilled or changed them would show.
+  Confactor& pa = *net.confactors_[0];
+  Confactor& pb = *net.confactors_[1];
+  pa.values_ = {0.2, 0.8};
+  pb.values_ = {0.9, 0.3, 0.1, 0.7};
+  const int sa = (*pb.atoms_.find(a))->block_, sb = (*pb.atoms_.find(b))->block_;
+  std::vector<double> joint(2, 0.0), given(2, 0.0);
+  for (int va = 0; va < 2; ++va) {
+    for (int vb = 0; vb < 2; ++vb)
+      joint[vb] += pa.values_[va] * pb.values_[va * sa + vb * sb];
+    given[va] = pa.values_[va] * pb.values_[va * sa + sb];
+  }
+  a->rank_ += 10, b->rank_ += 10;  // ranking again would renumber from 1
+  for (int i = 0; i < 2; ++i) {
+    std::unique_ptr<Confactor> answer(net.query(b, nullptr));
+    expectMarginal(answer->values_, joint);
+  }
+  AtomBody evidence{{b, 1}};
+  std::unique_ptr<Confactor> observed(net.query(a, &evidence));
+  expectMarginal(observed->values_, given);
+  EXPECT_EQ(pa.values_, (std::vector<double>{0.2, 0.8}));
+  EXPECT_GT(a->rank_, 10);
+  EXPECT_NE(net.str(false).find(pb.str("", false)), std::string::npos);
+  // A new table marks the network: the next query ranks and refills.
+  Atom* c = net.addAtom("c");
+  std::vector<Atom*> scopeC{c, b};
+  net.addConfactor(new Confactor(scopeC, c, 0.5));
+  delete net.query(c, nullptr);
+  EXPECT_LE(a->rank_, 3);
+  EXPECT_EQ(pa.values_, (std::vector<double>{1.0, 1.0}));  // a root's random table is all ones
+}
+
+}  // namespace
