@@ -1,0 +1,127 @@
+// The collectable classes that make a module's object a managed object of the
+// host heap, the creation functions the host calls for its type, and the
+// lookup from an object-ID term to the object.
+#ifndef CPLOGIC_PELMCOLLECTABLE_H
+#define CPLOGIC_PELMCOLLECTABLE_H
+
+#include <iostream>
+#include <memory>
+#include <new>
+#include <string>
+#include <utility>
+
+#include "stdpelm.h"
+
+// A collectable with a reference count of its own: the module keeps an object
+// out of garbage collection while the count is not zero.
+class CRefCount_Collectable : public Collectable {
+ public:
+  int ref_count_ = 0;
+
+  bool NeededByC() const override { return ref_count_ != 0; }
+  int IncRefCount() override {
+    ++ref_count_;
+    return 1;
+  }
+  int DecRefCount() override {
+    --ref_count_;
+    return 1;
+  }
+};
+
+// Holds an object of class T for the host type *Type. The object is shared
+// with the collectables that copied it (Copy) and freed with the last of them.
+template <class T, pelm_type* Type>
+class PelmCollectable : public CRefCount_Collectable {
+ public:
+  typedef T object_type;
+
+  std::shared_ptr<T> object_;  // null once freed
+
+  explicit PelmCollectable(std::shared_ptr<T> object) : object_(std::move(object)) {}
+  ~PelmCollectable() override { object_.reset(); }
+
+  bool is_type(const pelm_type* t) const override { return t->type_id_ == Type->type_id_; }
+  const char* type_name() const override { return Type->name_.c_str(); }
+  int type_id() const override { return Type->type_id_; }
+  void do_free() override { object_.reset(); }
+  std::ostream& Print(std::ostream& os) const override {
+    if (object_ != nullptr) {
+      object_->Print(os);
+    }
+    return os;
+  }
+};
+
+// The collectable the host instantiates: one whose state another collectable
+// of its class can take over.
+template <class T, pelm_type* Type>
+class PelmNonExMutCollectable : public PelmCollectable<T, Type> {
+ public:
+  explicit PelmNonExMutCollectable(std::shared_ptr<T> object)
+      : PelmCollectable<T, Type>(std::move(object)) {}
+
+  // Shares the object of heap entry id; this collectable's own object is
+  // released (freed unless another collectable shares it).
+  int Copy(int id) override {
+    if (id < 0 || id >= the_pelm_heap.size() || the_pelm_heap.at(id) == nullptr) {
+      std::cerr << "Invalid cheap id: " << id << std::endl;
+      return 0;
+    }
+    auto* other = dynamic_cast<PelmNonExMutCollectable*>(the_pelm_heap.at(id));
+    if (other == nullptr) {
+      return 0;
+    }
+    if (other->object_ == nullptr) {
+      std::cerr << "Invalid cheap id: " << id << std::endl;
+      return 0;
+    }
+    this->object_ = other->object_;
+    return 1;
+  }
+};
+
+// Creates C's object with make() and constructs C in slot (when not null);
+// returns 1, or 0 after a message when construction throws.
+template <class C, class Make>
+int CreateCollectable(Collectable* slot, Make make, const char* failure) {
+  static_assert(sizeof(C) <= PELM_SLOT_SIZE, "the host slot is too small");
+  try {
+    std::shared_ptr<typename C::object_type> object(make());
+    if (slot != nullptr) {
+      new (slot) C(std::move(object));
+    }
+    return 1;
+  } catch (const PelmObjectCreationError& e) {
+    std::cerr << std::string(e.what()).substr(0, 1024) << std::endl;
+    return 0;
+  } catch (...) {
+    std::cerr << failure;
+    return 0;
+  }
+}
+
+template <class C>
+int DefaultCreateCollectable(Collectable* slot) {
+  return CreateCollectable<C>(
+      slot, [] { return new typename C::object_type(); },
+      "catched exception in DefaultCreateCollectable<coll_class>/2\n");
+}
+
+template <class C>
+int InitCreateCollectable(Collectable* slot, long initTerm) {
+  return CreateCollectable<C>(
+      slot, [initTerm] { return new typename C::object_type(initTerm); },
+      "catched exception in InitCreateCollectable<coll_class>/2\n");
+}
+
+// The collectable of class C that an object-ID term names; null, with a
+// message for a term that names no heap entry, or silently for an entry of
+// another class.
+template <class C>
+C* HeapGetFromTerm(long term) {
+  Collectable* collectable = PelmHeapLookup(term);
+  return collectable != nullptr ? dynamic_cast<C*>(collectable) : nullptr;
+}
+
+#endif

@@ -1,0 +1,728 @@
+// The host interface over SWI-Prolog's foreign interface.
+#include "stdpelm.h"
+
+#include <SWI-Prolog.h>
+#include <SWI-Stream.h>
+
+#include <array>
+#include <cstdio>
+#include <iostream>
+#include <mutex>
+#include <new>
+#include <streambuf>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+static_assert(sizeof(term_t) <= sizeof(long), "a term slot must fit in a long");
+static_assert(sizeof(atom_t) == sizeof(uintptr_t), "atoms are held as uintptr_t");
+
+uintptr_t nil_atom = 0;
+PelmMachine* pelm_global_machine = nullptr;
+PelmHeap the_pelm_heap;
+
+namespace {
+
+// The core is not reentrant: one call at a time in the whole process.
+std::mutex g_call_lock;
+
+// ---- Identifiers ------------------------------------------------------------
+// Interned atoms stay registered, so that SWI never reuses their handles for
+// other texts while an identifier may still be in use.
+
+struct FunctorInfo {
+  PelmAtomId name;
+  int arity;
+};
+
+std::unordered_map<atom_t, PelmAtomId> g_atom_ids;
+std::vector<std::string> g_atom_texts;
+std::unordered_map<functor_t, PelmFunctorId> g_functor_ids;
+std::vector<FunctorInfo> g_functors;
+
+std::string atom_text(atom_t a) {
+  // The empty list is a reserved symbol without text of its own in SWI-Prolog 7+.
+  if (a == nil_atom) {
+    return "[]";
+  }
+  size_t len = 0;
+  char* s = nullptr;
+  if (!PL_atom_mbchars(a, &len, &s, REP_UTF8)) {
+    return std::string();
+  }
+  return std::string(s, len);
+}
+
+PelmAtomId intern_atom(atom_t a) {
+  auto found = g_atom_ids.find(a);
+  if (found != g_atom_ids.end()) {
+    return found->second;
+  }
+  PL_register_atom(a);
+  PelmAtomId id = static_cast<PelmAtomId>(g_atom_texts.size());
+  g_atom_ids.emplace(a, id);
+  g_atom_texts.push_back(atom_text(a));
+  return id;
+}
+
+PelmFunctorId intern_functor(functor_t f) {
+  auto found = g_functor_ids.find(f);
+  if (found != g_functor_ids.end()) {
+    return found->second;
+  }
+  PelmFunctorId id = static_cast<PelmFunctorId>(g_functors.size());
+  g_functor_ids.emplace(f, id);
+  g_functors.push_back(
+      FunctorInfo{intern_atom(PL_functor_name(f)), static_cast<int>(PL_functor_arity(f))});
+  return id;
+}
+
+// ---- Output -----------------------------------------------------------------
+
+// Writes through to a Prolog stream, so that the module's text lands in the
+// same buffer as Prolog's own output. The module writes UTF-8; the stream
+// gets code points and encodes them its own way.
+class PrologStreamBuf : public std::streambuf {
+ public:
+  explicit PrologStreamBuf(bool error) : error_(error), written_(false), code_(0), pending_(0) {}
+  bool written() const { return written_; }
+
+ protected:
+  int overflow(int c) override {
+    if (c != traits_type::eof()) {
+      char ch = static_cast<char>(c);
+      put(&ch, 1);
+    }
+    return traits_type::not_eof(c);
+  }
+  std::streamsize xsputn(const char* s, std::streamsize n) override {
+    put(s, static_cast<size_t>(n));
+    return n;
+  }
+  int sync() override {
+    IOSTREAM* s = stream();
+    if (s != nullptr) {
+      Sflush(s);
+    }
+    return 0;
+  }
+
+ private:
+  IOSTREAM* stream() const { return error_ ? Suser_error : Scurrent_output; }
+
+  void put(const char* data, size_t n) {
+    written_ = true;
+    IOSTREAM* s = stream();
+    if (s == nullptr) {
+      std::fwrite(data, 1, n, error_ ? stderr : stdout);
+      return;
+    }
+    Slock(s);
+    for (size_t i = 0; i < n; ++i) {
+      decode(static_cast<unsigned char>(data[i]), s);
+    }
+    Sunlock(s);
+  }
+
+  // One byte of UTF-8; a malformed sequence comes out byte by byte.
+  void decode(unsigned char byte, IOSTREAM* s) {
+    if (pending_ > 0 && (byte & 0xC0) == 0x80) {
+      code_ = (code_ << 6) | (byte & 0x3F);
+      if (--pending_ == 0) {
+        Sputcode(code_, s);
+      }
+      return;
+    }
+    pending_ = 0;
+    if (byte >= 0xC0 && byte < 0xF8) {
+      pending_ = byte >= 0xF0 ? 3 : byte >= 0xE0 ? 2 : 1;
+      code_ = byte & (0x3F >> pending_);
+      return;
+    }
+    Sputcode(byte, s);
+  }
+
+  bool error_;
+  bool written_;
+  int code_;     // code point being decoded
+  int pending_;  // continuation bytes still expected
+};
+
+// Sends std::cout and std::cerr to Prolog's streams for the time of a call.
+class OutputRedirect {
+ public:
+  OutputRedirect() : out_(false), err_(true) {
+    saved_out_ = std::cout.rdbuf(&out_);
+    saved_err_ = std::cerr.rdbuf(&err_);
+  }
+  OutputRedirect(const OutputRedirect&) = delete;
+  OutputRedirect& operator=(const OutputRedirect&) = delete;
+  ~OutputRedirect() {
+    if (out_.written()) {
+      std::cout.flush();
+    }
+    if (err_.written()) {
+      std::cerr.flush();
+    }
+    std::cout.rdbuf(saved_out_);
+    std::cerr.rdbuf(saved_err_);
+  }
+
+ private:
+  PrologStreamBuf out_;
+  PrologStreamBuf err_;
+  std::streambuf* saved_out_;
+  std::streambuf* saved_err_;
+};
+
+// ---- Heap and object handles ------------------------------------------------
+
+std::vector<Collectable*> g_heap;
+
+// Blobs are released by SWI's atom garbage collector, possibly in another
+// thread and while a call holds g_call_lock: the release hook only queues the
+// index, and the next call frees the object.
+std::mutex g_released_lock;
+std::vector<int> g_released;
+
+struct ObjectHandle {
+  int index;
+  const pelm_type* type;
+};
+
+void destroy_collectable(int index) {
+  Collectable* c = g_heap[index];
+  g_heap[index] = nullptr;
+  c->~Collectable();
+  ::operator delete(static_cast<void*>(c));
+}
+
+// REQUIRES: g_call_lock held.
+void free_released_objects() {
+  std::vector<int> released;
+  {
+    std::lock_guard<std::mutex> lock(g_released_lock);
+    released.swap(g_released);
+  }
+  for (int index : released) {
+    Collectable* c = g_heap[index];
+    if (c != nullptr && !c->NeededByC()) {
+      destroy_collectable(index);
+    }
+  }
+}
+
+int release_handle(atom_t a) {
+  auto* handle = static_cast<ObjectHandle*>(PL_blob_data(a, nullptr, nullptr));
+  std::lock_guard<std::mutex> lock(g_released_lock);
+  g_released.push_back(handle->index);
+  return TRUE;
+}
+
+int write_handle(IOSTREAM* s, atom_t a, int) {
+  auto* handle = static_cast<ObjectHandle*>(PL_blob_data(a, nullptr, nullptr));
+  Sfprintf(s, "<%s>(%d)", handle->type->name_.c_str(), handle->index);
+  return TRUE;
+}
+
+PL_blob_t make_handle_blob() {
+  PL_blob_t b{};
+  b.magic = PL_BLOB_MAGIC;
+  b.name = "pelm_object";
+  b.release = release_handle;
+  b.write = write_handle;
+  return b;
+}
+
+PL_blob_t g_handle_blob = make_handle_blob();
+
+int free_all_objects(int, void*) {
+  std::lock_guard<std::mutex> lock(g_call_lock);
+  for (size_t i = 0; i < g_heap.size(); ++i) {
+    if (g_heap[i] != nullptr) {
+      destroy_collectable(static_cast<int>(i));
+    }
+  }
+  return 0;
+}
+
+// The registered types, found by name.
+std::vector<pelm_type*>& constructed_types() {
+  static std::vector<pelm_type*> types;
+  return types;
+}
+
+const pelm_type* find_type(const std::string& name) {
+  for (const pelm_type* t : constructed_types()) {
+    if (t->type_id_ >= 0 && t->name_ == name) {
+      return t;
+    }
+  }
+  return nullptr;
+}
+
+// ---- Host predicates ----------------------------------------------------------
+
+// pelm_new(+TypeName, -Object) and pelm_new(+TypeName, +InitTerm, -Object).
+int pelm_new(PelmMachine* m) {
+  long name_term = m->argument(1);
+  atom_t name;
+  if (!PL_get_atom(name_term, &name)) {
+    return PL_type_error("atom", name_term);
+  }
+  const pelm_type* type = find_type(atom_text(name));
+  if (type == nullptr) {
+    return PL_existence_error("pelm_type", name_term);
+  }
+  void* memory = ::operator new(PELM_SLOT_SIZE);
+  Collectable* slot = static_cast<Collectable*>(memory);
+  int made = m->arity() == 2 ? type->create_(slot) : type->init_create_(slot, m->argument(2));
+  if (!made) {
+    ::operator delete(memory);
+    return 0;
+  }
+  ObjectHandle handle{static_cast<int>(g_heap.size()), type};
+  g_heap.push_back(slot);
+  return PL_unify_blob(m->argument(m->arity()), &handle, sizeof handle, &g_handle_blob);
+}
+
+// pelm_free(+Object): releases the object's state; the handle stays valid.
+int pelm_free(PelmMachine* m) {
+  Collectable* c = PelmHeapLookup(m->argument(1));
+  if (c == nullptr) {
+    return 0;
+  }
+  c->do_free();
+  return 1;
+}
+
+// pelm_copy(+Target, +Source): Target takes over Source's state.
+int pelm_copy(PelmMachine* m) {
+  Collectable* target = PelmHeapLookup(m->argument(1));
+  if (target == nullptr) {
+    return 0;
+  }
+  int source = -1;
+  if (!PrologIDToInt(m->argument(2), &source)) {
+    std::cerr << "Illegal prolog id: " << source << std::endl;
+    return 0;
+  }
+  return target->Copy(source);
+}
+
+// pelm_print(+Object): the object's text on the current output.
+int pelm_print(PelmMachine* m) {
+  Collectable* c = PelmHeapLookup(m->argument(1));
+  if (c == nullptr) {
+    return 0;
+  }
+  c->Print(std::cout);
+  return 1;
+}
+
+const PelmPredicate kHostPredicates[] = {{"pelm_new", 2, pelm_new},
+                                         {"pelm_new", 3, pelm_new},
+                                         {"pelm_free", 1, pelm_free},
+                                         {"pelm_copy", 2, pelm_copy},
+                                         {"pelm_print", 1, pelm_print}};
+
+// ---- Calls --------------------------------------------------------------------
+
+foreign_t raise_error(const PelmPredicate& p, const char* text, long culprit) {
+  term_t ex = PL_new_term_ref();
+  int built;
+  if (culprit != 0) {
+    built = PL_unify_term(ex, PL_FUNCTOR_CHARS, "error", 2, PL_FUNCTOR_CHARS, "type_error", 2,
+                          PL_CHARS, "atom", PL_TERM, static_cast<term_t>(culprit), PL_FUNCTOR_CHARS,
+                          "context", 2, PL_FUNCTOR_CHARS, "/", 2, PL_CHARS, p.name, PL_INT, p.arity,
+                          PL_UTF8_CHARS, text);
+  } else {
+    built = PL_unify_term(ex, PL_FUNCTOR_CHARS, "error", 2, PL_FUNCTOR_CHARS, "pelm_error", 1,
+                          PL_UTF8_CHARS, text, PL_FUNCTOR_CHARS, "context", 2, PL_FUNCTOR_CHARS,
+                          "/", 2, PL_CHARS, p.name, PL_INT, p.arity, PL_VARIABLE);
+  }
+  return built ? PL_raise_exception(ex) : FALSE;
+}
+
+foreign_t call_predicate(const PelmPredicate& p, term_t a0, int arity) {
+  std::lock_guard<std::mutex> lock(g_call_lock);
+  free_released_objects();
+  OutputRedirect redirect;
+  PelmMachine machine(a0, arity);
+  try {
+    return p.function(&machine) ? TRUE : FALSE;
+  } catch (const PelmObjectCreationError& e) {
+    return raise_error(p, e.what(), e.culprit_);
+  } catch (const std::bad_alloc&) {
+    return PL_resource_error("memory");
+  } catch (const std::exception& e) {
+    return raise_error(p, e.what(), 0);
+  } catch (...) {
+    return raise_error(p, "unknown C++ exception", 0);
+  }
+}
+
+// SWI hands a foreign function only its arguments, so each registered
+// predicate gets a trampoline of its own that knows its table entry.
+constexpr size_t kMaxPredicates = 32;
+std::vector<PelmPredicate> g_predicates;
+
+template <size_t I>
+foreign_t trampoline(term_t a0, int arity, control_t) {
+  return call_predicate(g_predicates[I], a0, arity);
+}
+
+template <size_t... I>
+constexpr std::array<pl_function_t, sizeof...(I)> make_trampolines(std::index_sequence<I...>) {
+  return {{reinterpret_cast<pl_function_t>(&trampoline<I>)...}};
+}
+
+const auto kTrampolines = make_trampolines(std::make_index_sequence<kMaxPredicates>());
+
+bool register_predicate(const PelmPredicate& p) {
+  if (g_predicates.size() == kMaxPredicates) {
+    return false;
+  }
+  g_predicates.push_back(p);
+  return PL_register_foreign(p.name, p.arity, kTrampolines[g_predicates.size() - 1], PL_FA_VARARGS);
+}
+
+}  // namespace
+
+// ---- Terms ----------------------------------------------------------------------
+
+PelmTermType pelm_term_type(long term) {
+  switch (PL_term_type(term)) {
+    case PL_VARIABLE:
+      return PELM_VAR;
+    case PL_ATOM:
+      return PELM_ATOM;
+    case PL_NIL:
+      return PELM_NIL;
+    case PL_INTEGER: {
+      int64_t v;
+      return PL_get_int64(term, &v) && v >= INT32_MIN && v <= INT32_MAX ? PELM_INTEGER : PELM_OTHER;
+    }
+    case PL_FLOAT:
+      return PELM_FLOAT;
+    case PL_TERM:
+      return PELM_STRUCTURE;
+    case PL_LIST_PAIR:
+      return PELM_LIST_CELL;
+    default:
+      return PELM_OTHER;
+  }
+}
+
+bool pelm_is_atom(long term) {
+  PelmTermType t = pelm_term_type(term);
+  return t == PELM_ATOM || t == PELM_NIL;
+}
+bool pelm_is_integer(long term) {
+  return pelm_term_type(term) == PELM_INTEGER;
+}
+bool pelm_is_float(long term) {
+  return PL_is_float(term);
+}
+bool pelm_is_structure(long term) {
+  return pelm_term_type(term) == PELM_STRUCTURE;
+}
+bool pelm_is_list_cell(long term) {
+  return PL_is_pair(term);
+}
+bool pelm_is_var(long term) {
+  return PL_is_variable(term);
+}
+bool pelm_is_acyclic(long term) {
+  return PL_is_acyclic(term);
+}
+
+int32_t pelm_get_integer(long term) {
+  int64_t v = 0;
+  if (!PL_get_int64(term, &v)) {
+    return 0;
+  }
+  return static_cast<int32_t>(v);
+}
+
+double pelm_get_float(long term) {
+  double v = 0.0;
+  if (!PL_get_float(term, &v)) {
+    return 0.0;
+  }
+  return v;
+}
+
+PelmAtomId pelm_atom_id(long term) {
+  atom_t a;
+  if (!PL_get_atom(term, &a)) {
+    return 0;
+  }
+  return intern_atom(a);
+}
+
+PelmFunctorId pelm_functor_id(long term) {
+  functor_t f;
+  if (!PL_get_functor(term, &f)) {
+    return 0;
+  }
+  return intern_functor(f);
+}
+
+const std::string* pelm_atom_text(PelmAtomId atom) {
+  return atom < g_atom_texts.size() ? &g_atom_texts[atom] : nullptr;
+}
+
+const std::string* pelm_functor_name(PelmFunctorId functor) {
+  return functor < g_functors.size() ? pelm_atom_text(g_functors[functor].name) : nullptr;
+}
+
+int pelm_functor_arity(PelmFunctorId functor) {
+  return functor < g_functors.size() ? g_functors[functor].arity : -1;
+}
+
+PelmFunctorId func_lookup(const char* name, int arity) {
+  atom_t a = PL_new_atom(name);
+  functor_t f = PL_new_functor(a, arity);
+  PelmFunctorId id = intern_functor(f);
+  PL_unregister_atom(a);
+  return id;
+}
+
+PelmTermTable::PelmTermTable() : frame_(PL_open_foreign_frame()) {}
+
+PelmTermTable::~PelmTermTable() {
+  PL_close_foreign_frame(static_cast<fid_t>(frame_));
+}
+
+long PelmTermTable::copy(long term) {
+  return PL_copy_term_ref(term);
+}
+
+long PelmTermTable::arg(long term, int i) {
+  term_t slot = PL_new_term_ref();
+  return getArg(term, i, slot) ? static_cast<long>(slot) : 0;
+}
+
+bool PelmTermTable::getArg(long term, int i, long slot) {
+  return i >= 1 && PL_get_arg(i, term, slot);
+}
+
+long PelmTermTable::mark() {
+  return PL_new_term_ref();
+}
+
+void PelmTermTable::release(long mark) {
+  PL_reset_term_refs(mark);
+}
+
+// Number of distinct list cells reachable from list before a tail that is not
+// a list cell or before a cycle closes.
+static size_t list_cells(term_t list) {
+  size_t length = 0;
+  if (PL_skip_list(list, 0, &length) != PL_CYCLIC_TERM) {
+    return length;
+  }
+  // Brent's cycle detection: the cycle length lam, then the prefix length mu.
+  term_t tortoise = PL_copy_term_ref(list);
+  term_t hare = PL_copy_term_ref(list);
+  if (!PL_get_tail(hare, hare)) {
+    return 0;
+  }
+  size_t power = 1;
+  size_t lam = 1;
+  while (!PL_same_compound(tortoise, hare)) {
+    if (power == lam) {
+      if (!PL_put_term(tortoise, hare)) {
+        return 0;
+      }
+      power *= 2;
+      lam = 0;
+    }
+    if (!PL_get_tail(hare, hare)) {
+      return 0;
+    }
+    ++lam;
+  }
+  if (!PL_put_term(tortoise, list) || !PL_put_term(hare, list)) {
+    return 0;
+  }
+  for (size_t i = 0; i < lam; ++i) {
+    if (!PL_get_tail(hare, hare)) {
+      return 0;
+    }
+  }
+  size_t mu = 0;
+  while (!PL_same_compound(tortoise, hare)) {
+    if (!PL_get_tail(tortoise, tortoise) || !PL_get_tail(hare, hare)) {
+      return 0;
+    }
+    ++mu;
+  }
+  return mu + lam;
+}
+
+PelmListWalk::PelmListWalk(PelmTermTable& table, long list)
+    : cursor_(table.copy(list)), head_(table.mark()), length_(0), visited_(0) {
+  length_ = list_cells(static_cast<term_t>(cursor_));
+}
+
+bool PelmListWalk::next() {
+  if (visited_ == length_ || !PL_get_list(cursor_, head_, cursor_)) {
+    return false;
+  }
+  ++visited_;
+  return true;
+}
+
+// ---- Atom handles -----------------------------------------------------------
+
+PELM_atom::PELM_atom(uintptr_t atom) : atom_(atom) {
+  PL_register_atom(atom_);
+}
+
+PELM_atom::PELM_atom(long term) : atom_(0) {
+  atom_t a;
+  if (!pelm_is_atom(term) || !PL_get_atom(term, &a)) {
+    throw PelmObjectCreationError("PELM_atom:term is not an atom", term);
+  }
+  atom_ = a;
+  PL_register_atom(atom_);
+}
+
+PELM_atom::~PELM_atom() {
+  PL_unregister_atom(atom_);
+}
+
+void PELM_atom::set(long term) {
+  atom_t a;
+  if (PL_get_atom(term, &a)) {
+    PL_register_atom(a);
+    PL_unregister_atom(atom_);
+    atom_ = a;
+  }
+}
+
+std::string PELM_atom::text() const {
+  return atom_text(atom_);
+}
+
+// ---- Calls ------------------------------------------------------------------
+
+long PelmMachine::argument(int n) const {
+  return static_cast<long>(first_ + n - 1);
+}
+
+bool pelm_unify_float(long term, double value) {
+  return PL_unify_float(term, value) || deal_with_tr_overflow();
+}
+
+bool pelm_unify_integer(long term, long value) {
+  return PL_unify_int64(term, value) || deal_with_tr_overflow();
+}
+
+bool deal_with_tr_overflow() {
+  // A pending exception makes the caller's failure raise it.
+  return false;
+}
+
+// ---- Managed objects ----------------------------------------------------------
+
+std::ostream& Collectable::Print(std::ostream& os) const {
+  return os << '<' << type_name() << '>';
+}
+
+pelm_type::pelm_type(const char* name, PelmCreateFunction create, PelmInitCreateFunction initCreate,
+                     int flags, const pelm_type* parent)
+    : name_(name),
+      create_(create),
+      init_create_(initCreate),
+      flags_(flags),
+      parent_(parent),
+      type_id_(-1) {
+  constructed_types().push_back(this);
+}
+
+pelm_type::~pelm_type() {
+  std::vector<pelm_type*>& types = constructed_types();
+  for (size_t i = 0; i < types.size(); ++i) {
+    if (types[i] == this) {
+      types.erase(types.begin() + static_cast<long>(i));
+      break;
+    }
+  }
+}
+
+int PELMRegisterAllTypes() {
+  std::vector<pelm_type*>& types = constructed_types();
+  for (size_t i = 0; i < types.size(); ++i) {
+    types[i]->type_id_ = static_cast<int>(i);
+  }
+  return 1;
+}
+
+Collectable* PelmHeapLookup(long term) {
+  int id = -1;
+  if (!PrologIDToInt(term, &id)) {
+    std::cerr << "Illegal prolog id: " << id << std::endl;
+    return nullptr;
+  }
+  if (id < 0 || id >= the_pelm_heap.size() || the_pelm_heap.at(id) == nullptr) {
+    std::cerr << "Invalid cheap id: " << id << std::endl;
+    return nullptr;
+  }
+  return the_pelm_heap.at(id);
+}
+
+int PelmHeap::size() const {
+  return static_cast<int>(g_heap.size());
+}
+
+Collectable* PelmHeap::at(int index) const {
+  return g_heap[index];
+}
+
+bool PrologIDToInt(long term, int* id) {
+  *id = -1;
+  void* data;
+  PL_blob_t* type;
+  if (PL_get_blob(term, &data, nullptr, &type)) {
+    if (type != &g_handle_blob) {
+      return false;
+    }
+    *id = static_cast<ObjectHandle*>(data)->index;
+    return true;
+  }
+  int64_t v;
+  if (PL_is_integer(term) && PL_get_int64(term, &v) && v >= INT32_MIN && v <= INT32_MAX) {
+    *id = static_cast<int>(v);
+    return true;
+  }
+  return false;
+}
+
+// ---- Loading ------------------------------------------------------------------
+
+extern "C" install_t install_cplogic() {
+  std::lock_guard<std::mutex> lock(g_call_lock);
+  term_t nil = PL_new_term_ref();
+  atom_t a;
+  if (!PL_put_nil(nil) || !PL_get_atom(nil, &a)) {
+    PL_warning("cplogic: cannot find the empty list atom");
+    return;
+  }
+  nil_atom = a;
+  intern_atom(a);  // identifier 0
+  PL_register_blob_type(&g_handle_blob);
+  PL_on_halt(free_all_objects, nullptr);
+  if (!pelm_module_init_cplogic_cplogic()) {
+    PL_warning("cplogic: module initialisation failed");
+    return;
+  }
+  for (const PelmPredicate* p = pelm_module_predicates_cplogic_cplogic; p->name != nullptr; ++p) {
+    register_predicate(*p);
+  }
+  for (const PelmPredicate& p : kHostPredicates) {
+    register_predicate(p);
+  }
+}

@@ -1,0 +1,273 @@
+// The host interface the cplogic module is written against: the terms of the
+// current call, atom and functor identifiers, atom handles, unification of
+// output arguments, managed objects in the host heap, and the loading of a
+// module. It is implemented over SWI-Prolog's foreign interface in stdpelm.cpp,
+// the only file that includes the SWI-Prolog headers.
+//
+// Every foreign call runs under one process-wide lock and with std::cout and
+// std::cerr sent to Prolog's current output and user_error streams, so that the
+// module's text interleaves with Prolog's own output. No C++ exception leaves a
+// call: PelmObjectCreationError and the standard exceptions become Prolog
+// exceptions.
+#ifndef CPLOGIC_STDPELM_H
+#define CPLOGIC_STDPELM_H
+
+#include <cstddef>
+#include <cstdint>
+#include <iosfwd>
+#include <stdexcept>
+#include <string>
+
+// ---- Terms ----------------------------------------------------------------
+// A term is named by a long: a slot of the current call's argument term table
+// (PelmMachine::argument) or of a PelmTermTable. Access follows variable
+// bindings to the end of the chain, so every slot reads as dereferenced.
+
+enum PelmTermType {
+  PELM_VAR,
+  PELM_ATOM,  // an atom other than the empty list
+  PELM_NIL,   // the empty list
+  PELM_INTEGER,
+  PELM_FLOAT,
+  PELM_STRUCTURE,  // a compound term other than a list cell
+  PELM_LIST_CELL,
+  PELM_OTHER  // strings, big integers, rationals, blobs, dicts
+};
+
+PelmTermType pelm_term_type(long term);
+// An atom, the empty list included.
+bool pelm_is_atom(long term);
+// An integer that fits in 32 bits (the host's small integers).
+bool pelm_is_integer(long term);
+bool pelm_is_float(long term);
+bool pelm_is_structure(long term);
+bool pelm_is_list_cell(long term);
+bool pelm_is_var(long term);
+// False when the term contains a cycle.
+bool pelm_is_acyclic(long term);
+// REQUIRES: pelm_is_integer(term).
+int32_t pelm_get_integer(long term);
+// REQUIRES: pelm_is_float(term).
+double pelm_get_float(long term);
+
+// Identifiers of atoms and of functors (name with arity): small numbers that
+// stay the same for the life of the process, whatever the host's atom garbage
+// collector does. The empty list has atom identifier 0.
+typedef uint32_t PelmAtomId;
+typedef uint32_t PelmFunctorId;
+
+// REQUIRES: pelm_is_atom(term).
+PelmAtomId pelm_atom_id(long term);
+// REQUIRES: pelm_is_structure(term) or pelm_is_list_cell(term).
+PelmFunctorId pelm_functor_id(long term);
+// The text of an identifier, or null when the identifier was never handed out.
+const std::string* pelm_atom_text(PelmAtomId atom);
+const std::string* pelm_functor_name(PelmFunctorId functor);
+// -1 for an identifier never handed out.
+int pelm_functor_arity(PelmFunctorId functor);
+// The identifier of name/arity.
+PelmFunctorId func_lookup(const char* name, int arity);
+
+// A scratch table of term slots. Slots taken from it, and any taken after it
+// was created, are given back when it is destroyed; tables nest like scopes.
+class PelmTermTable {
+ public:
+  PelmTermTable();
+  PelmTermTable(const PelmTermTable&) = delete;
+  PelmTermTable& operator=(const PelmTermTable&) = delete;
+  ~PelmTermTable();
+
+  // A new slot naming the same term.
+  long copy(long term);
+  // A new slot holding argument i (from 1) of a structure, or 0 when the term
+  // has no such argument.
+  long arg(long term, int i);
+  // Puts argument i of a structure into an existing slot; false (slot
+  // unchanged) when there is no such argument.
+  bool getArg(long term, int i, long slot);
+  // Slots taken after mark() are given back by release(mark).
+  long mark();
+  void release(long mark);
+
+ private:
+  uintptr_t frame_;
+};
+
+// Walks the elements of a list front to back without recursion. The walk
+// visits each list cell once: it stops at the first tail that is not a list
+// cell (an unbound tail included) and where a cyclic list would come back to a
+// cell already visited.
+class PelmListWalk {
+ public:
+  PelmListWalk(PelmTermTable& table, long list);
+  // Moves to the next element; false when the walk is over.
+  bool next();
+  // The current element. REQUIRES: the last next() returned true.
+  long head() const { return head_; }
+  // How many elements the walk visits in all.
+  size_t length() const { return length_; }
+
+ private:
+  long cursor_;
+  long head_;
+  size_t length_;
+  size_t visited_;
+};
+
+// ---- Atom handles ---------------------------------------------------------
+
+// The host's empty-list atom.
+extern uintptr_t nil_atom;
+
+// Holds a host atom alive for the life of the handle.
+class PELM_atom {
+ public:
+  explicit PELM_atom(uintptr_t atom);
+  // Throws PelmObjectCreationError "PELM_atom:term is not an atom" unless the
+  // term is an atom.
+  explicit PELM_atom(long term);
+  PELM_atom(const PELM_atom&) = delete;
+  PELM_atom& operator=(const PELM_atom&) = delete;
+  ~PELM_atom();
+
+  // Holds the term's atom instead. REQUIRES: pelm_is_atom(term).
+  void set(long term);
+  std::string text() const;
+
+ private:
+  uintptr_t atom_;
+};
+
+// ---- Calls ----------------------------------------------------------------
+
+// The state of one foreign call: its argument term table.
+class PelmMachine {
+ public:
+  PelmMachine(uintptr_t firstArgument, int arity) : first_(firstArgument), arity_(arity) {}
+  // The slot of argument n (from 1) of the call. REQUIRES: 1 <= n <= arity.
+  long argument(int n) const;
+  int arity() const { return arity_; }
+
+ private:
+  uintptr_t first_;
+  int arity_;
+};
+
+// The machine of the call in progress; set by the module before it calls into
+// an object.
+extern PelmMachine* pelm_global_machine;
+
+// Unifies an output argument with a float or an integer: binds an unbound
+// variable, compares a bound number of the same kind, fails otherwise.
+bool pelm_unify_float(long term, double value);
+bool pelm_unify_integer(long term, long value);
+// SWI-Prolog grows its trail itself; a unification that still fails for lack
+// of space leaves a resource error pending. True when that happened, so that
+// the call fails with the error.
+bool deal_with_tr_overflow();
+
+// Thrown by host operations, and by modules, when an object cannot be made.
+// The text goes into the Prolog exception; a culprit term, when given, makes
+// it a type error on that term.
+class PelmObjectCreationError : public std::runtime_error {
+ public:
+  explicit PelmObjectCreationError(const std::string& text, long culprit = 0)
+      : std::runtime_error(text), culprit_(culprit) {}
+  long culprit_;  // slot of the offending term; 0 when none
+};
+
+// ---- Managed objects ------------------------------------------------------
+
+class pelm_type;
+
+// Base class of the objects that live in the host heap. The host constructs
+// them in slots of PELM_SLOT_SIZE bytes and destroys them when Prolog no
+// longer refers to them, unless NeededByC().
+class Collectable {
+ public:
+  Collectable() = default;
+  Collectable(const Collectable&) = delete;
+  Collectable& operator=(const Collectable&) = delete;
+
+  virtual bool NeededByC() const { return false; }
+  virtual bool is_type(const pelm_type*) const { return false; }
+  virtual const char* type_name() const { return "collectable"; }
+  virtual int type_id() const { return -1; }
+  // Releases what the object holds; the object stays in the heap.
+  virtual void do_free() {}
+  virtual int IncRefCount() { return 0; }
+  virtual int DecRefCount() { return 0; }
+  virtual std::ostream& Print(std::ostream& os) const;
+  // Takes over the state of heap object id; 1 on success, 0 otherwise.
+  virtual int Copy(int) { return 0; }
+  virtual std::ostream& Write(std::ostream& os) const { return os; }
+  virtual std::istream& Read(std::istream& is) { return is; }
+  virtual ~Collectable() = default;
+};
+
+constexpr size_t PELM_SLOT_SIZE = 64;
+
+// Creation functions of a type: construct the object in slot (raw memory of
+// PELM_SLOT_SIZE bytes) and return 1, or return 0 and leave the slot raw.
+typedef int (*PelmCreateFunction)(Collectable* slot);
+typedef int (*PelmInitCreateFunction)(Collectable* slot, long initTerm);
+
+// A type of managed objects. Constructed statically by a module; registered
+// with the host by PELMRegisterAllTypes().
+class pelm_type {
+ public:
+  pelm_type(const char* name, PelmCreateFunction create, PelmInitCreateFunction initCreate,
+            int flags, const pelm_type* parent);
+  pelm_type(const pelm_type&) = delete;
+  pelm_type& operator=(const pelm_type&) = delete;
+  ~pelm_type();
+
+  std::string name_;
+  PelmCreateFunction create_;
+  PelmInitCreateFunction init_create_;
+  int flags_;
+  const pelm_type* parent_;  // not owned
+  int type_id_;              // assigned at registration; -1 before
+};
+
+// Registers every pelm_type constructed so far; returns 1.
+int PELMRegisterAllTypes();
+
+// The heap of managed objects. Indices are never reused, so the ID of a freed
+// object never reaches another object.
+class PelmHeap {
+ public:
+  int size() const;
+  // The collectable at index, or null when the slot is empty.
+  // REQUIRES: 0 <= index < size().
+  Collectable* at(int index) const;
+};
+
+extern PelmHeap the_pelm_heap;
+
+// The heap index named by an object-ID term (an object handle, or an integer
+// taken as a raw index). False, with *id = -1, for any other term.
+bool PrologIDToInt(long term, int* id);
+
+// The collectable an object-ID term names; null after "Illegal prolog id: "
+// (not an ID) or "Invalid cheap id: " (no object at that index) and the
+// number on std::cerr.
+Collectable* PelmHeapLookup(long term);
+
+// ---- Loading --------------------------------------------------------------
+
+typedef int (*PelmForeignFunction)(PelmMachine* machine);
+
+// A predicate exported by a module: fails with 0, succeeds with non-zero.
+struct PelmPredicate {
+  const char* name;
+  int arity;
+  PelmForeignFunction function;
+};
+
+// What the cplogic module provides for loading: its entry point (returns 1
+// when the module is ready) and its predicates, ended by a null name.
+int pelm_module_init_cplogic_cplogic();
+extern const PelmPredicate pelm_module_predicates_cplogic_cplogic[];
+
+#endif

@@ -1,0 +1,66 @@
+:- module(cplogic,
+          [ vorn_cp_theory_set_settings/6,   % +Theory, +CompileFlag, +Int,
+                                             %   +Conversion, +Elimination, +Atom
+            vorn_cp_theory_query_silent/4,   % +Theory, +Query, +Evidence, ?Prob
+            vorn_cp_theory_print_graphviz/2, % +Theory, +FileAtom
+            vorn_cp_theory_query/4,          % +Theory, +Query, +Evidence, ?Prob
+            vorn_cp_theory_add_ground_event/2, % +Theory, +ground(FoEvent, Head, Body)
+            vorn_cp_theory_compile/1,        % +Theory
+            vorn_cp_theory_atom_table_success/2, % +Theory, +Atom
+            vorn_cp_theory_save/2,           % +Theory, +FileAtom
+            vorn_cp_theory_add_event/2,      % +Theory, +event(Head, Body)
+            vorn_cp_theory_add_fo_event/3,   % +Theory, +FoEvent, +TermCount
+            vorn_cp_theory_atom_in_table/3,  % +Theory, +Atom, ?Status
+            pelm_new/2,                      % +TypeName, -Object
+            pelm_new/3,                      % +TypeName, +InitTerm, -Object
+            pelm_free/1,                     % +Object
+            pelm_copy/2,                     % +Target, +Source
+            pelm_print/1                     % +Object
+          ]).
+
+/** <module> Exact inference in CP-logic theories
+
+A theory object is made with pelm_new(vorn_cp_theory, Theory) and filled
+with events:
+
+    event(Head, Body)
+        Head is a list of h(Atom, Probability) (Probability a float),
+        Body a list of ground atoms and \+ Atom.
+    ground(FoEvent, Head, Body)
+        One grounding of first-order event FoEvent, announced before with
+        vorn_cp_theory_add_fo_event(Theory, FoEvent, TermCount), TermCount
+        being the number of head and body elements of each grounding.
+        A grounding already added is ignored.
+
+Queries take a ground atom and a list of evidence e(Atom, Value), Value 1
+for true and any other integer for false, and answer the probability that
+the atom is true.  The object is freed by pelm_free/1 or when Prolog no
+longer refers to it.
+*/
+
+:- use_module(library(lists)).
+
+% The library built by the README's build (build/ at the repository root)
+% is found next to this directory; CPLOGIC_LIBRARY names another one, and
+% otherwise the foreign search path decides.
+cplogic_library(Library) :-
+    getenv('CPLOGIC_LIBRARY', Library),
+    Library \== '',
+    !.
+cplogic_library(Library) :-
+    source_file(cplogic:cplogic_library(_), Here),
+    file_directory_name(Here, Dir),
+    atomic_list_concat([Dir, '/../build/cplogic'], Base),
+    file_name_extension(Base, so, Library0),
+    exists_file(Library0),
+    !,
+    absolute_file_name(Library0, Library).
+cplogic_library(foreign(cplogic)).
+
+:- cplogic_library(Library),
+   use_foreign_library(Library).
+
+:- multifile prolog:error_message//1.
+
+prolog:error_message(pelm_error(Text)) -->
+    [ '~w'-[Text] ].
