@@ -15,7 +15,8 @@
             pelm_new/3,                      % +TypeName, +InitTerm, -Object
             pelm_free/1,                     % +Object
             pelm_copy/2,                     % +Target, +Source
-            pelm_print/1                     % +Object
+            pelm_print/1,                    % +Object
+            cplogic_hugin_net/3              % +Theory, +Query, +FileAtom
           ]).
 
 /** <module> Exact inference in CP-logic theories
@@ -36,6 +37,13 @@ Queries take a ground atom and a list of evidence e(Atom, Value), Value 1
 for true and any other integer for false, and answer the probability that
 the atom is true.  The object is freed by pelm_free/1 or when Prolog no
 longer refers to it.
+
+cplogic_hugin_net(Theory, Query, File) writes the Bayesian network that the
+query builds, in the Hugin format.
+
+Programs with annotated disjunctions and variables are written with
+begin_lpad/end_lpad or loaded with lpad_load/1 and queried with prob/2,3,4
+(module cplogic_lpad, re-exported here).
 */
 
 :- use_module(library(lists)).
@@ -64,3 +72,7 @@ cplogic_library(foreign(cplogic)).
 
 prolog:error_message(pelm_error(Text)) -->
     [ '~w'-[Text] ].
+
+% LPAD programs on top of the predicates: begin_lpad/end_lpad, lpad_load/1,
+% prob/2,3,4.
+:- reexport(cplogic_lpad).
