@@ -1,5 +1,5 @@
 // The cplogic module: the object type "vorn_cp_theory", the module entry and
-// the eleven vorn_cp_theory_* predicates.
+// the eleven vorn_cp_theory_* predicates, and cplogic_hugin_net/3.
 #include <iostream>
 #include <string>
 
@@ -168,6 +168,17 @@ int vorn_cp_theory_atom_in_table(PelmMachine* m) {
   });
 }
 
+// cplogic_hugin_net(+Theory, +Query, +FileAtom): beyond the eleven, for the
+// command-line tool.
+int cplogic_hugin_net(PelmMachine* m) {
+  PELM_atom file(nil_atom);
+  atomArgument(m->argument(3), &file);
+  return withTheory(m, "cplogic_hugin_net/3", [&](VornCPTheory* t) {
+    t->printHuginNet(m->argument(2), file);
+    return 1;
+  });
+}
+
 }  // namespace
 
 const PelmPredicate pelm_module_predicates_cplogic_cplogic[] = {
@@ -182,4 +193,5 @@ const PelmPredicate pelm_module_predicates_cplogic_cplogic[] = {
     {"vorn_cp_theory_add_event", 2, vorn_cp_theory_add_event},
     {"vorn_cp_theory_add_fo_event", 3, vorn_cp_theory_add_fo_event},
     {"vorn_cp_theory_atom_in_table", 3, vorn_cp_theory_atom_in_table},
+    {"cplogic_hugin_net", 3, cplogic_hugin_net},
     {nullptr, 0, nullptr}};

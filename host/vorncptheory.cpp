@@ -185,6 +185,20 @@ void VornCPTheory::printGraphviz(const PELM_atom& fileName) {
   out << strGraphviz(false);
 }
 
+void VornCPTheory::printHuginNet(long queryTerm, const PELM_atom& fileName) {
+  std::string name = fileName.text();
+  if (name.empty()) {
+    return;
+  }
+  PelmTermTable table;
+  Atom* atom = atomFromTerm(queryTerm, &table);
+  if (atom == nullptr) {
+    return;
+  }
+  std::ofstream out(name, std::ios::out | std::ios::trunc);
+  out << strHuginNet(atom);
+}
+
 int VornCPTheory::atomInTable(long term) {
   PelmTermTable table;
   VornCPTheoryTerm key;

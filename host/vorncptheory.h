@@ -64,6 +64,9 @@ class VornCPTheory : public CPTheory {
   void save(long fileTerm);
   // Writes the Graphviz graph; an empty name writes nothing.
   void printGraphviz(const PELM_atom& fileName);
+  // Writes the Hugin network of what the query atom depends on to the file;
+  // an empty name writes nothing.
+  void printHuginNet(long queryTerm, const PELM_atom& fileName);
   // The atom's tabling status (0 when new, then marked 1); -1 for an illegal term.
   int atomInTable(long term);
   void atomTableSuccess(long term);

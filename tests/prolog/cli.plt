@@ -1,0 +1,170 @@
+% The cplogic command run as a user runs it, and the pack installed as SWI-
+% Prolog's pack tooling installs it.
+:- use_module(library(plunit)).
+:- use_module(library(process)).
+:- use_module(library(readutil)).
+:- use_module(library(lists)).
+:- use_module(library(filesex)).
+
+repo_dir(Dir) :-
+    source_file(repo_dir(_), Here),
+    file_directory_name(Here, TestDir),
+    directory_file_path(TestDir, '../..', Dir0),
+    absolute_file_name(Dir0, Dir).
+
+% cplogic(+Args, -Status, -Out, -Err)
+cplogic(Args, Status, Out, Err) :-
+    repo_dir(Dir),
+    directory_file_path(Dir, 'bin/cplogic', Exe),
+    process_create(Exe, Args,
+                   [ stdout(pipe(O)), stderr(pipe(E)), process(Pid) ]),
+    read_string(O, _, Out),
+    read_string(E, _, Err),
+    close(O),
+    close(E),
+    process_wait(Pid, exit(Status)).
+
+example(Name, File) :-
+    repo_dir(Dir),
+    atomic_list_concat([Dir, '/examples/lpad/', Name, '.pl'], File).
+
+text_file(Text, File) :-
+    tmp_file_stream(text, File, S),
+    write(S, Text),
+    close(S).
+
+:- begin_tests(cli).
+
+test(answers_with_and_without_evidence) :-
+    example(sneezing, F),
+    cplogic([F, 'sneezing(bob)', 'flu(bob)', '--given', 'sneezing(bob)'], 0, Out, ""),
+    Out == "P(sneezing(bob) | sneezing(bob)) = 1\nP(flu(bob) | sneezing(bob)) = 0.803493\n".
+
+test(answers_each_query_on_its_line) :-
+    example(alarm, F),
+    cplogic([F, alarm, 'calls(john)', '--method', cpts, '--elimination', absorption], 0, Out, _),
+    Out == "P(alarm) = 0.1446\nP(calls(john)) = 0.20122\n".
+
+test(negative_evidence_and_plain_programs) :-
+    text_file("a:0.5.\nb:0.6 ; c:0.3 :- a.\nc:0.2 :- \\+ a.\n", F),
+    cplogic([F, c, '--given', '\\+b'], 0, Out, _),
+    % P(c, not b) = 0.5*0.3 + 0.5*0.2; P(not b) = 0.5*0.4 + 0.5
+    Expected is (0.15 + 0.1) / 0.7,
+    format(string(Line), "P(c | \\+b) = ~6g~n", [Expected]),
+    Out == Line.
+
+test(output_files_are_valid) :-
+    example(coin, F),
+    tmp_file(cli, Base),
+    atomic_list_concat([Base, '.dot'], Dot),
+    atomic_list_concat([Base, '.png'], Png),
+    atomic_list_concat([Base, '.txt'], Saved),
+    atomic_list_concat([Base, '.net'], Net),
+    cplogic([F, 'heads(c1)', '--dot', Dot, '--png', Png, '--save', Saved, '--hugin', Net],
+            0, _, _),
+    process_create(path(dot), ['-Tsvg', Dot], [stdout(null), process(P)]),
+    process_wait(P, exit(0)),
+    read_file_to_codes(Png, [0x89, 0'P, 0'N, 0'G | _], [type(binary)]),
+    read_file_to_string(Net, NetText, []),
+    sub_string(NetText, 0, _, _, "node "),
+    sub_string(NetText, _, _, _, "node heads(c1)\n"),
+    sub_string(NetText, _, _, _, "potential ( "),
+    % the saved theory loads back and answers the same
+    cplogic([Saved, 'heads(c1)'], 0, Out, _),
+    Out == "P(heads(c1)) = 0.51\n".
+
+test(bad_usage_exits_2) :-
+    example(coin, F),
+    forall(member(Args-Message,
+                  [ []-"no PROGRAM given",
+                    [F]-"no QUERY given",
+                    [F, 'heads(C)']-"is not a ground atom",
+                    [F, 'heads(']-"cannot read query",
+                    [F, 'heads(c1)', '--method', fast]-"unknown method 'fast'",
+                    [F, 'heads(c1)', '--frobnicate', x]-"unknown option --frobnicate",
+                    [F, 'heads(c1)', '--given']-"needs a value"
+                  ]),
+           ( cplogic(Args, Status, "", Err),
+             Status == 2,
+             split_string(Err, "\n", "", [Line | _]),
+             sub_string(Line, 0, _, _, "cplogic: "),
+             sub_string(Line, _, _, _, Message) )).
+
+test(program_errors_exit_1) :-
+    text_file("a:0.5.\nb:0.6 ; c:0.6.\n", Sum),
+    text_file("a:0.5.\nb :- a\n", Syntax),
+    text_file("a:0.5.\nb :- a.\n", Good),
+    forall(member(Args-Message,
+                  [ ['/nonexistent/program.pl', a]-"no such file",
+                    [Sum, a]-":2: the probabilities of the head sum to 1.2",
+                    [Syntax, a]-":2:",
+                    [Good, b, '--given', a, '--given', '\\+a']-"contradictory",
+                    [Good, b, '--save', '/nonexistent/dir/out.txt']-"cannot write"
+                  ]),
+           ( cplogic(Args, Status, _, Err),
+             Status == 1,
+             \+ sub_string(Err, _, _, _, "ERROR"),
+             split_string(Err, "\n", "", [Line, ""]),
+             sub_string(Line, _, _, _, Message) )).
+
+test(help_shows_an_example) :-
+    cplogic(['--help'], 0, Out, ""),
+    sub_string(Out, 0, _, _, "Usage: cplogic PROGRAM QUERY..."),
+    sub_string(Out, _, _, _, "--given"),
+    sub_string(Out, _, _, _, "--hugin").
+
+:- end_tests(cli).
+
+                 /*******************************
+                 *             PACK             *
+                 *******************************/
+
+% A copy of the checkout is installed into a temporary pack directory by a
+% fresh swipl, outside any sanitizer, and a program then loads
+% library(cplogic) from it.
+clean_env(Env) :-
+    findall(Name=Value,
+            ( member(Name, ['PATH', 'HOME', 'LANG']),
+              getenv(Name, Value) ),
+            Env).
+
+copy_checkout(Dest) :-
+    repo_dir(Dir),
+    forall(member(Sub, ['CMakeLists.txt', 'pack.pl', src, host, prolog]),
+           ( directory_file_path(Dir, Sub, From),
+             directory_file_path(Dest, Sub, To),
+             (   exists_directory(From)
+             ->  copy_directory(From, To)
+             ;   copy_file(From, To)
+             ) )).
+
+:- begin_tests(pack, [condition(\+ getenv('CPLOGIC_SKIP_PACK_TEST', _))]).
+
+test(pack_install_then_library_cplogic) :-
+    tmp_file(pack, Root),
+    directory_file_path(Root, src, Src),
+    directory_file_path(Root, packs, Packs),
+    make_directory_path(Src),
+    make_directory_path(Packs),
+    copy_checkout(Src),
+    clean_env(Env),
+    format(atom(Install),
+           "pack_install('.', [package_directory(~q), interactive(false), inquiry(false)])",
+           [Packs]),
+    process_create(path(swipl), ['-q', '-g', Install, '-t', halt],
+                   [cwd(Src), env(Env), stdout(null), stderr(null), process(P1)]),
+    process_wait(P1, exit(0)),
+    text_file(":- begin_lpad.\na:0.3.\nb:0.5 :- a.\n:- end_lpad.\n", Prog),
+    format(atom(Query),
+           "attach_packs(~q, []), use_module(library(cplogic)), \c
+            load_files(m:~q, []), m:prob(b, P), format('~~w~~n', [P])",
+           [Packs, Prog]),
+    process_create(path(swipl), ['-q', '-g', Query, '-t', halt],
+                   [env(Env), stdout(pipe(Out)), stderr(null), process(P2)]),
+    read_string(Out, _, Answer),
+    close(Out),
+    process_wait(P2, exit(0)),
+    Answer == "0.15\n",
+    delete_directory_and_contents(Root).
+
+:- end_tests(pack).
