@@ -13,8 +13,69 @@ bool CVE::confac_scratch_in_use_ = false;
 
 namespace {
 
+using Entry = std::multimap<int, Confactor*>::iterator;
+
+// Entries of one id that a removal walks before it marks the id crowded.
+const int kShortRange = 16;
+
 unsigned int fullSet(const Atom* atom) {
   return (1u << atom->domainsize_) - 1u;
+}
+
+// Inserts (id, c) after the entries with equal id, and records it when the
+// id is crowded.
+void enter(CVE& cve, int id, Confactor* c) {
+  Entry it = cve.factors_.insert(std::make_pair(id, c));
+  if (cve.crowded_.empty())
+    return;
+  auto crowd = cve.crowded_.find(id);
+  if (crowd == cve.crowded_.end())
+    return;
+  ++crowd->second;
+  cve.crowded_entries_[c].push_back(it);
+}
+
+// Marks id crowded and records its entries, the given range, in map order.
+std::unordered_map<int, size_t>::iterator crowdId(CVE& cve, int id, std::pair<Entry, Entry> range) {
+  auto crowd = cve.crowded_.emplace(id, 0).first;
+  for (Entry it = range.first; it != range.second; ++it) {
+    ++crowd->second;
+    cve.crowded_entries_[it->second].push_back(it);
+  }
+  return crowd;
+}
+
+// Erases the first entry (id, c) in map order, if there is one.
+void eraseEntry(CVE& cve, int id, Confactor* c) {
+  auto crowd = cve.crowded_.empty() ? cve.crowded_.end() : cve.crowded_.find(id);
+  if (crowd == cve.crowded_.end()) {
+    auto range = cve.factors_.equal_range(id);
+    Entry it = range.first;
+    for (int walked = 0; it != range.second && walked < kShortRange; ++it, ++walked) {
+      if (it->second == c) {
+        cve.factors_.erase(it);
+        return;
+      }
+    }
+    if (it == range.second)
+      return;
+    crowd = crowdId(cve, id, range);
+  }
+  auto record = cve.crowded_entries_.find(c);
+  if (record == cve.crowded_entries_.end())
+    return;
+  // Entries under one id were recorded in map order.
+  std::vector<Entry>& mine = record->second;
+  auto found =
+      std::find_if(mine.begin(), mine.end(), [id](const Entry& e) { return e->first == id; });
+  if (found == mine.end())
+    return;
+  cve.factors_.erase(*found);
+  mine.erase(found);
+  if (mine.empty())
+    cve.crowded_entries_.erase(record);
+  if (--crowd->second == 0)
+    cve.crowded_.erase(crowd);
 }
 
 }  // namespace
@@ -32,22 +93,14 @@ void CVE::addFactor(Confactor* c) {
     delete c;
     return;
   }
-  for (const AtomDomStruct* entry : c->atoms_) {
-    factors_.insert(std::make_pair(static_cast<int>(entry->atom_->id_), c));
-  }
+  for (const AtomDomStruct* entry : c->atoms_)
+    enter(*this, static_cast<int>(entry->atom_->id_), c);
   ++num_factors_;
 }
 
 void CVE::removeFactor(Confactor* c, bool destroy) {
-  for (const AtomDomStruct* entry : c->atoms_) {
-    auto range = factors_.equal_range(entry->atom_->id_);
-    for (auto it = range.first; it != range.second; ++it) {
-      if (it->second == c) {
-        factors_.erase(it);
-        break;
-      }
-    }
-  }
+  for (const AtomDomStruct* entry : c->atoms_)
+    eraseEntry(*this, static_cast<int>(entry->atom_->id_), c);
   if (destroy)
     delete c;
   --num_factors_;
@@ -79,7 +132,9 @@ void CVE::clear() {
 }
 
 void CVE::combine(const CVE& other) {
-  factors_.insert(other.factors_.begin(), other.factors_.end());
+  assert(&other != this);
+  for (const auto& entry : other.factors_)
+    enter(*this, entry.first, entry.second);
   elim_order_.insert(elim_order_.end(), other.elim_order_.begin(), other.elim_order_.end());
 }
 
@@ -159,6 +214,9 @@ void CVE::renormalize() {}
 void CVE::eliminate(Atom* a) {
   std::vector<Confactor*> found;
   auto range = factors_.equal_range(a->id_);
+  // Sized once: a noisy-or's prime atom has a confactor per cause, and each
+  // regrowth of a large vector makes the allocator consolidate its free lists.
+  found.reserve(std::distance(range.first, range.second));
   for (auto it = range.first; it != range.second; ++it) {
     found.push_back(it->second);
     it->second->resetWeights();

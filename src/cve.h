@@ -8,6 +8,7 @@
 #include <ostream>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "atom.h"
@@ -22,6 +23,16 @@ class CVE {
   // Each confactor once under the id of every atom it has an entry for, equal
   // ids in insertion order. The engine owns the confactors.
   std::multimap<int, Confactor*> factors_;
+  // Ids with many confactors (a noisy-or's prime atom has one per cause),
+  // with their number of entries, and for each confactor its entries under
+  // those ids in insertion order: removing a confactor then need not walk
+  // all the confactors of such an id. An id is added when a removal does not
+  // find its entry among the id's first few, and dropped with its last entry.
+  // Only addFactor, combine and removeFactor change factors_; they keep both
+  // maps exact.
+  std::unordered_map<int, size_t> crowded_;
+  std::unordered_map<const Confactor*, std::vector<std::multimap<int, Confactor*>::iterator> >
+      crowded_entries_;
   std::vector<Atom*> elim_order_;  // atoms not owned
   // Lets eliminateNoCST factor out the context that all confactors to absorb share.
   bool factor_context_;
@@ -62,6 +73,7 @@ class CVE {
   void clear();
   // Adds other's confactors and order to this engine. The confactors are then
   // shared: exactly one of the two engines may destroy them (clear the other).
+  // REQUIRES: other is not this engine.
   void combine(const CVE& other);
   // New vector (caller frees) of the tables for a; the engine keeps the confactors.
   std::vector<Confactor*>* getFactorsFor(Atom* a);
