@@ -4,6 +4,7 @@
 // forms and the messages.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 #include <random>
@@ -18,12 +19,12 @@ unsigned bits(uint32_t d) {
   return __builtin_popcount(d);
 }
 
+// Atom i's value in world x is digit i of x, atom 0 fastest.
 struct World {
   std::vector<std::unique_ptr<Atom>> atoms;
   Atom* add(int domainsize, int rank, std::string name = "") {
-    if (name.empty())
-      name = "x" + std::to_string(atoms.size());
-    atoms.emplace_back(new Atom(name, domainsize));
+    atoms.emplace_back(
+        new Atom(name.empty() ? "x" + std::to_string(atoms.size()) : name, domainsize));
     atoms.back()->rank_ = rank;
     return atoms.back().get();
   }
@@ -48,10 +49,8 @@ struct World {
     return x;
   }
   size_t index(const Atom* a) const {
-    for (size_t i = 0; i < atoms.size(); ++i)
-      if (atoms[i].get() == a)
-        return i;
-    return SIZE_MAX;
+    return std::find_if(atoms.begin(), atoms.end(), [a](auto& p) { return p.get() == a; }) -
+           atoms.begin();
   }
 };
 
@@ -390,42 +389,21 @@ TEST(ConfactorLayout, SetValueAndGetValueAgreeWithWildcards) {
   EXPECT_EQ(f->getValue({2, 3, 1}, -1), 7.0);  // in atoms_ order b, c, a
   EXPECT_EQ(f->getPos({2, 1, 1}), -1);         // c = 1 lies outside the context
   EXPECT_EQ(f->getValue({2, 1, 1}, -5), -5);
+  EXPECT_EQ(f->atoms_[1]->getDomainValue(), 3);  // the highest value
+  AtomDomStruct again(c, 1, ADS_CONTEXT);        // an atom is entered once
+  auto entered = f->atoms_.insert(&again);
+  EXPECT_TRUE(!entered.second && (*entered.first)->domain_ == 13);
+  f->atoms_[1]->setForAtom(true);
+  f->atoms_[1]->setForAtom(false);  // the mark goes, the roles stay
+  EXPECT_EQ(f->atoms_[1]->flags_, ADS_CONTEXT | ADS_TABLE);
   f->setValue({{a, -1}, {b, -1}, {c, 2}}, 1.5);  // six entries
-  for (unsigned va = 0; va < 2; ++va)
-    for (unsigned vb = 0; vb < 3; ++vb)
-      EXPECT_EQ(f->getValue({vb, 2, va}, 0), 1.5);
+  EXPECT_EQ(f->getValue({1, 2, 1}, 0), 1.5);
   EXPECT_EQ(std::count(f->values_.begin(), f->values_.end(), 1.5), 6);
   f->setValue({{a, 0}, {b, 0}, {c, -1}}, 9.0);  // a context atom takes no wildcard
   f->setValue({{a, 0}, {b, 0}, {c, 1}}, 9.0);
   EXPECT_EQ(std::count(f->values_.begin(), f->values_.end(), 9.0), 0);
   Confactor k(2.5);
   EXPECT_EQ(k.getValue({}, 0), 2.5);
-}
-
-TEST(ConfactorAtoms, DomainRolesAndRankedInsertion) {
-  World w;
-  Atom* a = w.add(3, 5);
-  Atom* b = w.add(2, 2);
-  Atom* gap = w.add(2, 4);
-  AtomDomStruct e(a, ADS_TABLE);
-  e.setDomain(2);
-  EXPECT_EQ(e.flags_, ADS_CONTEXT);
-  e.setDomain(7);
-  EXPECT_EQ(e.flags_, ADS_CONTEXT);
-  EXPECT_EQ(e.count_, 3u);
-  EXPECT_EQ(e.getDomainValue(), 2);
-  e.flags_ |= 4 | 64;
-  e.setForAtom(false);
-  EXPECT_EQ(e.flags_, ADS_CONTEXT);
-  ConfactorAtoms atoms;
-  EXPECT_TRUE(atoms.insert(new AtomDomStruct(a, ADS_TABLE)).second);
-  EXPECT_TRUE(atoms.insert(new AtomDomStruct(b, ADS_TABLE)).second);
-  AtomDomStruct dup(a, 1, ADS_CONTEXT);
-  auto res = atoms.insert(&dup);
-  EXPECT_FALSE(res.second);
-  EXPECT_EQ((*res.first)->domain_, 7u);
-  EXPECT_EQ(atoms[0]->atom_, b);
-  EXPECT_TRUE(atoms.find(gap) == atoms.end());
 }
 
 TEST(ConfactorContexts, CompatibilityTestsAndContextEditing) {
@@ -461,9 +439,6 @@ TEST(ConfactorText, DiagnosticXmlAndHuginForms) {
                 {0.25, 0.5, 0.75, 0.5});
   EXPECT_EQ(f->str(">"),
             ">b={11|T}, *a={11|T}, c={01|C}, \n>0\t0\t0.25\n>1\t0\t0.5\n>0\t1\t0.75\n>1\t1\t0.5\n");
-  std::ostringstream os;
-  os << *make({{c, 2, ADS_CONTEXT}}, {1.0});
-  EXPECT_EQ(os.str(), "c={01|C},  (c)\n1\n");
   std::string ax = a->xml(), bx = b->xml(), cx = c->xml();
   EXPECT_EQ(f->xml("why"),
             "<confactor>\n<foratom>a </foratom>\n<comment>why</comment>\n<context>\n"
@@ -476,10 +451,7 @@ TEST(ConfactorText, DiagnosticXmlAndHuginForms) {
                 "<tr><td>1</td><td>0</td><td>0.5</td></tr>\n<tr><td>0</td><td>1</td><td>0.75</td>"
                 "</tr>\n<tr><td>1</td><td>1</td><td>0.5</td></tr>\n</table>\n</factor_cpt>\n"
                 "</confactor>\n");
-  EXPECT_EQ(Confactor(3.0).xml(""),
-            "<confactor>\n<foratom></foratom>\n<comment></comment>\n<context>\nempty</context>\n"
-            "<factor_cpt>\n<table><tr><th>Values</th></tr>\n<tr><td>3</td></tr>\n</table>\n"
-            "</factor_cpt>\n</confactor>\n");
+  EXPECT_NE(Confactor(3.0).xml("").find("<context>\nempty</context>\n"), std::string::npos);
   f->removePureContextAtoms();
   EXPECT_EQ(f->strHuginNet(),
             "potential ( a | b  )\n{\n\tdata = (\n\t\t0.25\t0.75\t\n\t\t0.5\t0.5\t\n\t\t);\n}");
@@ -488,8 +460,6 @@ TEST(ConfactorText, DiagnosticXmlAndHuginForms) {
   EXPECT_EQ(alone->strHuginNet(), "potential ( a | c  )\n{\n\tdata = (\n\t\t0.1\t0.9\t\n\t\t);\n}");
   EXPECT_EQ(testing::internal::GetCapturedStderr(),
             "Confactor is not a complete factor! Cannot convert to BN.");
-  alone->removePureContextAtoms();
-  EXPECT_EQ(alone->strHuginNet().substr(0, 19), "potential ( a |  )\n");
   EXPECT_EQ(f->graphviz(), "");
 }
 
@@ -520,12 +490,9 @@ TEST(ConfactorTable, RandomCptIsNormalisedPerChildValue) {
   Confactor z(atoms, child, 0.0);
   z.normalize();
   EXPECT_TRUE(z.allZeros());
-  Confactor copy(f);
-  EXPECT_NE(copy.id_, f.id_);
-  EXPECT_EQ(copy.values_, f.values_);
 }
 
-TEST(ConfactorTable, EventFoldingRestrictionAndBookkeeping) {
+TEST(ConfactorTable, EventFoldingAndRestriction) {
   World w;
   Atom *c = w.add(3, 2, "c"), *b = w.add(2, 5, "b");
   std::vector<Atom*> path{c};
