@@ -4,7 +4,6 @@
 #ifndef CPLOGIC_PELMCOLLECTABLE_H
 #define CPLOGIC_PELMCOLLECTABLE_H
 
-#include <iostream>
 #include <memory>
 #include <new>
 #include <string>
@@ -45,6 +44,7 @@ class PelmCollectable : public CRefCount_Collectable {
   const char* type_name() const override { return Type->name_.c_str(); }
   int type_id() const override { return Type->type_id_; }
   void do_free() override { object_.reset(); }
+  bool live() const override { return object_ != nullptr; }
   std::ostream& Print(std::ostream& os) const override {
     if (object_ != nullptr) {
       object_->Print(os);
@@ -61,19 +61,11 @@ class PelmNonExMutCollectable : public PelmCollectable<T, Type> {
   explicit PelmNonExMutCollectable(std::shared_ptr<T> object)
       : PelmCollectable<T, Type>(std::move(object)) {}
 
-  // Shares the object of heap entry id; this collectable's own object is
+  // Shares the object of live heap entry id; this collectable's own object is
   // released (freed unless another collectable shares it).
   int Copy(int id) override {
-    if (id < 0 || id >= the_pelm_heap.size() || the_pelm_heap.at(id) == nullptr) {
-      std::cerr << "Invalid cheap id: " << id << std::endl;
-      return 0;
-    }
     auto* other = dynamic_cast<PelmNonExMutCollectable*>(the_pelm_heap.at(id));
     if (other == nullptr) {
-      return 0;
-    }
-    if (other->object_ == nullptr) {
-      std::cerr << "Invalid cheap id: " << id << std::endl;
       return 0;
     }
     this->object_ = other->object_;
@@ -82,46 +74,37 @@ class PelmNonExMutCollectable : public PelmCollectable<T, Type> {
 };
 
 // Creates C's object with make() and constructs C in slot (when not null);
-// returns 1, or 0 after a message when construction throws.
+// returns 1. What construction throws (std::bad_alloc) goes to the caller.
 template <class C, class Make>
-int CreateCollectable(Collectable* slot, Make make, const char* failure) {
+int CreateCollectable(Collectable* slot, Make make) {
   static_assert(sizeof(C) <= PELM_SLOT_SIZE, "the host slot is too small");
-  try {
-    std::shared_ptr<typename C::object_type> object(make());
-    if (slot != nullptr) {
-      new (slot) C(std::move(object));
-    }
-    return 1;
-  } catch (const PelmObjectCreationError& e) {
-    std::cerr << std::string(e.what()).substr(0, 1024) << std::endl;
-    return 0;
-  } catch (...) {
-    std::cerr << failure;
-    return 0;
+  std::shared_ptr<typename C::object_type> object(make());
+  if (slot != nullptr) {
+    new (slot) C(std::move(object));
   }
+  return 1;
 }
 
 template <class C>
 int DefaultCreateCollectable(Collectable* slot) {
-  return CreateCollectable<C>(
-      slot, [] { return new typename C::object_type(); },
-      "catched exception in DefaultCreateCollectable<coll_class>/2\n");
+  return CreateCollectable<C>(slot, [] { return new typename C::object_type(); });
 }
 
 template <class C>
 int InitCreateCollectable(Collectable* slot, long initTerm) {
-  return CreateCollectable<C>(
-      slot, [initTerm] { return new typename C::object_type(initTerm); },
-      "catched exception in InitCreateCollectable<coll_class>/2\n");
+  return CreateCollectable<C>(slot, [initTerm] { return new typename C::object_type(initTerm); });
 }
 
-// The collectable of class C that an object-ID term names; null, with a
-// message for a term that names no heap entry, or silently for an entry of
-// another class.
+// The live collectable of class C that an object-ID term names; throws the
+// errors of PelmHeapLookup, with C's type name, and type_error for the
+// handle of an object of another class.
 template <class C>
-C* HeapGetFromTerm(long term) {
-  Collectable* collectable = PelmHeapLookup(term);
-  return collectable != nullptr ? dynamic_cast<C*>(collectable) : nullptr;
+C* HeapGetFromTerm(long term, const char* typeName) {
+  C* c = dynamic_cast<C*>(PelmHeapLookup(term, typeName));
+  if (c == nullptr) {
+    pelm_type_error(typeName, term);
+  }
+  return c;
 }
 
 #endif

@@ -266,17 +266,25 @@ const pelm_type* find_type(const std::string& name) {
 // pelm_new(+TypeName, -Object) and pelm_new(+TypeName, +InitTerm, -Object).
 int pelm_new(PelmMachine* m) {
   long name_term = m->argument(1);
+  pelm_must_be_atom(name_term);
   atom_t name;
   if (!PL_get_atom(name_term, &name)) {
-    return PL_type_error("atom", name_term);
+    pelm_type_error("atom", name_term);
   }
   const pelm_type* type = find_type(atom_text(name));
   if (type == nullptr) {
     return PL_existence_error("pelm_type", name_term);
   }
+  g_heap.reserve(g_heap.size() + 1);  // nothing can throw once the object exists
   void* memory = ::operator new(PELM_SLOT_SIZE);
   Collectable* slot = static_cast<Collectable*>(memory);
-  int made = m->arity() == 2 ? type->create_(slot) : type->init_create_(slot, m->argument(2));
+  int made = 0;
+  try {
+    made = m->arity() == 2 ? type->create_(slot) : type->init_create_(slot, m->argument(2));
+  } catch (...) {
+    ::operator delete(memory);
+    throw;
+  }
   if (!made) {
     ::operator delete(memory);
     return 0;
@@ -286,37 +294,29 @@ int pelm_new(PelmMachine* m) {
   return PL_unify_blob(m->argument(m->arity()), &handle, sizeof handle, &g_handle_blob);
 }
 
-// pelm_free(+Object): releases the object's state; the handle stays valid.
+// pelm_free(+Object): releases the object's state; the handle then names
+// nothing.
 int pelm_free(PelmMachine* m) {
-  Collectable* c = PelmHeapLookup(m->argument(1));
-  if (c == nullptr) {
-    return 0;
-  }
-  c->do_free();
+  PelmHeapLookup(m->argument(1))->do_free();
   return 1;
 }
 
-// pelm_copy(+Target, +Source): Target takes over Source's state.
+// pelm_copy(+Target, +Source): Target takes over Source's state. Both must be
+// live: a freed target stays freed.
 int pelm_copy(PelmMachine* m) {
   Collectable* target = PelmHeapLookup(m->argument(1));
-  if (target == nullptr) {
-    return 0;
-  }
+  PelmHeapLookup(m->argument(2), target->type_name());
   int source = -1;
-  if (!PrologIDToInt(m->argument(2), &source)) {
-    std::cerr << "Illegal prolog id: " << source << std::endl;
-    return 0;
+  PrologIDToInt(m->argument(2), &source);
+  if (!target->Copy(source)) {
+    pelm_type_error(target->type_name(), m->argument(2));
   }
-  return target->Copy(source);
+  return 1;
 }
 
 // pelm_print(+Object): the object's text on the current output.
 int pelm_print(PelmMachine* m) {
-  Collectable* c = PelmHeapLookup(m->argument(1));
-  if (c == nullptr) {
-    return 0;
-  }
-  c->Print(std::cout);
+  PelmHeapLookup(m->argument(1))->Print(std::cout);
   return 1;
 }
 
@@ -327,6 +327,12 @@ const PelmPredicate kHostPredicates[] = {{"pelm_new", 2, pelm_new},
                                          {"pelm_print", 1, pelm_print}};
 
 // ---- Calls --------------------------------------------------------------------
+
+// The predicate in progress and the slot its error term is built in; the
+// slot is taken before the predicate runs, so it outlives the scratch tables
+// that unwinding closes.
+const PelmPredicate* g_current = nullptr;
+term_t g_error = 0;
 
 foreign_t raise_error(const PelmPredicate& p, const char* text, long culprit) {
   term_t ex = PL_new_term_ref();
@@ -349,8 +355,13 @@ foreign_t call_predicate(const PelmPredicate& p, term_t a0, int arity) {
   free_released_objects();
   OutputRedirect redirect;
   PelmMachine machine(a0, arity);
+  g_current = &p;
+  g_error = PL_new_term_ref();
   try {
     return p.function(&machine) ? TRUE : FALSE;
+  } catch (const PelmError&) {
+    // A term that could not be built leaves SWI's own resource error pending.
+    return PL_is_variable(g_error) ? FALSE : PL_raise_exception(g_error);
   } catch (const PelmObjectCreationError& e) {
     return raise_error(p, e.what(), e.culprit_);
   } catch (const std::bad_alloc&) {
@@ -360,6 +371,36 @@ foreign_t call_predicate(const PelmPredicate& p, term_t a0, int arity) {
   } catch (...) {
     return raise_error(p, "unknown C++ exception", 0);
   }
+}
+
+// A failed SWI call leaves its exception pending: the call fails with it.
+void check(int ok) {
+  if (!ok) {
+    throw PelmError();
+  }
+}
+
+// Unifies g_error with error(Formal, context(Name/Arity, Message)) where
+// formal holds Formal, then throws.
+[[noreturn]] void throw_error(term_t formal, const std::string& message) {
+  term_t context = PL_new_term_ref();
+  bool built =
+      message.empty()
+          ? PL_unify_term(context, PL_FUNCTOR_CHARS, "context", 2, PL_FUNCTOR_CHARS, "/", 2,
+                          PL_CHARS, g_current->name, PL_INT, g_current->arity, PL_VARIABLE)
+          : PL_unify_term(context, PL_FUNCTOR_CHARS, "context", 2, PL_FUNCTOR_CHARS, "/", 2,
+                          PL_CHARS, g_current->name, PL_INT, g_current->arity, PL_UTF8_STRING,
+                          message.c_str());
+  check(built);
+  check(PL_unify_term(g_error, PL_FUNCTOR_CHARS, "error", 2, PL_TERM, formal, PL_TERM, context));
+  throw PelmError();
+}
+
+[[noreturn]] void throw_formal(const char* name, const char* first, term_t culprit,
+                               const std::string& message) {
+  term_t formal = PL_new_term_ref();
+  check(PL_unify_term(formal, PL_FUNCTOR_CHARS, name, 2, PL_CHARS, first, PL_TERM, culprit));
+  throw_error(formal, message);
 }
 
 // SWI hands a foreign function only its arguments, so each registered
@@ -449,6 +490,249 @@ double pelm_get_float(long term) {
   double v = 0.0;
   if (!PL_get_float(term, &v)) {
     return 0.0;
+  }
+  return v;
+}
+
+bool pelm_get_number(long term, double* value) {
+  if (!PL_is_number(term)) {
+    return false;
+  }
+  if (PL_get_float(term, value)) {
+    return true;
+  }
+  // Rationals and integers beyond a double: Prolog's own float/1.
+  term_t args = PL_new_term_refs(2);
+  static predicate_t is = PL_predicate("is", 2, "system");
+  return PL_unify_term(args + 1, PL_FUNCTOR_CHARS, "float", 1, PL_TERM,
+                       static_cast<term_t>(term)) &&
+         PL_call_predicate(nullptr, PL_Q_CATCH_EXCEPTION, is, args) && PL_get_float(args, value);
+}
+
+namespace {
+
+void append_bytes(std::string* key, const void* data, size_t n) {
+  key->append(static_cast<const char*>(data), n);
+}
+
+void append_text(std::string* key, char tag, const char* text, size_t n) {
+  uint64_t length = n;
+  key->push_back(tag);
+  append_bytes(key, &length, sizeof length);
+  key->append(text, n);
+}
+
+// Text of a term through PL_get_nchars, for terms whose text is their value.
+void append_nchars(std::string* key, char tag, term_t t, unsigned flags) {
+  size_t n = 0;
+  char* s = nullptr;
+  if (!PL_get_nchars(t, &n, &s, flags | BUF_STACK | REP_UTF8 | CVT_EXCEPTION)) {
+    throw PelmError();
+  }
+  append_text(key, tag, s, n);
+}
+
+}  // namespace
+
+void pelm_term_key(long term, int maxDepth, std::string* key) {
+  term_t whole = static_cast<term_t>(term);
+  if (!PL_is_acyclic(whole)) {
+    pelm_type_error("acyclic_term", term);
+  }
+  // Depth-first over the term, one level per compound being visited. The
+  // arguments of the compound at level j are fetched into slots[j], which is
+  // where the compound at level j + 1 then sits, so the slots taken are bounded
+  // by the depth. The tail of a list cell replaces the cell at its level, so
+  // a list is walked in a loop.
+  struct Level {
+    term_t term;
+    size_t next;  // next argument, from 1
+    size_t arity;
+  };
+  fid_t frame = PL_open_foreign_frame();
+  std::vector<Level> levels;
+  std::vector<term_t> slots;
+  term_t current = PL_copy_term_ref(whole);
+  try {
+    while (true) {
+      switch (PL_term_type(current)) {
+        case PL_VARIABLE:
+          pelm_instantiation_error("a term of a theory must be ground");
+        case PL_ATOM:
+        case PL_NIL: {
+          atom_t a;
+          check(PL_get_atom(current, &a));
+          PelmAtomId id = intern_atom(a);
+          key->push_back('a');
+          append_bytes(key, &id, sizeof id);
+          break;
+        }
+        case PL_INTEGER: {
+          int64_t v;
+          if (PL_get_int64(current, &v)) {
+            key->push_back('i');
+            append_bytes(key, &v, sizeof v);
+          } else {
+            append_nchars(key, 'I', current, CVT_INTEGER);
+          }
+          break;
+        }
+        case PL_RATIONAL:
+          append_nchars(key, 'R', current, CVT_WRITEQ);
+          break;
+        case PL_FLOAT: {
+          double v = 0.0;
+          check(PL_get_float(current, &v));
+          key->push_back('f');
+          append_bytes(key, &v, sizeof v);
+          break;
+        }
+        case PL_STRING:
+          append_nchars(key, 's', current, CVT_STRING);
+          break;
+        case PL_TERM:
+        case PL_LIST_PAIR: {
+          if (static_cast<int>(levels.size()) >= maxDepth) {
+            pelm_representation_error(
+                "max_term_depth",
+                "terms of a theory are at most " + std::to_string(maxDepth) + " levels deep");
+          }
+          functor_t f;
+          check(PL_get_functor(current, &f));
+          PelmFunctorId id = intern_functor(f);
+          key->push_back('c');
+          append_bytes(key, &id, sizeof id);
+          levels.push_back(Level{current, 1, PL_functor_arity(f)});
+          break;
+        }
+        default:  // blobs and dicts have no text that reads back as them
+          pelm_type_error("cplogic_atom", term);
+      }
+      while (!levels.empty() && levels.back().next > levels.back().arity) {
+        levels.pop_back();
+      }
+      if (levels.empty()) {
+        break;
+      }
+      Level& top = levels.back();
+      size_t i = top.next++;
+      if (i == 2 && top.arity == 2 && PL_is_pair(top.term)) {
+        current = top.term;
+        check(PL_get_arg(2, current, current));
+        levels.pop_back();
+        continue;
+      }
+      size_t j = levels.size() - 1;
+      if (slots.size() <= j) {
+        slots.push_back(PL_new_term_ref());
+      }
+      current = slots[j];
+      check(PL_get_arg(i, top.term, current));
+    }
+  } catch (...) {
+    PL_close_foreign_frame(frame);
+    throw;
+  }
+  PL_close_foreign_frame(frame);
+}
+
+std::string pelm_term_text(long term) {
+  char* buffer = nullptr;
+  size_t size = 0;
+  IOSTREAM* s = Sopenmem(&buffer, &size, "w");
+  if (s == nullptr) {
+    throw std::bad_alloc();
+  }
+  s->encoding = ENC_UTF8;
+  bool written = PL_write_term(s, static_cast<term_t>(term), 199, PL_WRT_QUOTED);
+  Sflush(s);
+  std::string text = written ? std::string(buffer, size) : std::string();
+  Sclose(s);
+  Sfree(buffer);
+  if (!written) {
+    throw PelmError();  // the writer's exception (out of stack) is pending
+  }
+  return text;
+}
+
+// ---- Errors ---------------------------------------------------------------------
+
+void pelm_instantiation_error(const std::string& message) {
+  term_t formal = PL_new_term_ref();
+  PL_put_atom_chars(formal, "instantiation_error");
+  throw_error(formal, message);
+}
+
+void pelm_type_error(const char* type, long culprit, const std::string& message) {
+  throw_formal("type_error", type, static_cast<term_t>(culprit), message);
+}
+
+void pelm_domain_error(const char* domain, long culprit, const std::string& message) {
+  throw_formal("domain_error", domain, static_cast<term_t>(culprit), message);
+}
+
+void pelm_domain_error(const char* domain, double culprit, const std::string& message) {
+  term_t t = PL_new_term_ref();
+  check(PL_put_float(t, culprit));
+  throw_formal("domain_error", domain, t, message);
+}
+
+void pelm_existence_error(const char* type, long culprit, const std::string& message) {
+  throw_formal("existence_error", type, static_cast<term_t>(culprit), message);
+}
+
+void pelm_permission_error(const char* action, const char* type, long culprit,
+                           const std::string& message) {
+  term_t formal = PL_new_term_ref();
+  check(PL_unify_term(formal, PL_FUNCTOR_CHARS, "permission_error", 3, PL_CHARS, action, PL_CHARS,
+                      type, PL_TERM, static_cast<term_t>(culprit)));
+  throw_error(formal, message);
+}
+
+void pelm_representation_error(const char* what, const std::string& message) {
+  term_t formal = PL_new_term_ref();
+  check(PL_unify_term(formal, PL_FUNCTOR_CHARS, "representation_error", 1, PL_CHARS, what));
+  throw_error(formal, message);
+}
+
+void pelm_cplogic_error(const char* name, long culprit, const char* where) {
+  term_t formal = PL_new_term_ref();
+  check(PL_unify_term(formal, PL_FUNCTOR_CHARS, "cplogic_error", 2, PL_FUNCTOR_CHARS, name, 1,
+                      PL_TERM, static_cast<term_t>(culprit), PL_CHARS, where));
+  throw_error(formal, "");
+}
+
+void pelm_must_be_list(long term) {
+  size_t length = 0;
+  switch (PL_skip_list(term, 0, &length)) {
+    case PL_LIST:
+      return;
+    case PL_PARTIAL_LIST:
+      pelm_instantiation_error("a list must end in []");
+    default:
+      pelm_type_error("list", term);
+  }
+}
+
+void pelm_must_be_atom(long term) {
+  if (PL_is_variable(term)) {
+    pelm_instantiation_error();
+  }
+  if (!PL_is_atom(term)) {
+    pelm_type_error("atom", term);
+  }
+}
+
+int64_t pelm_must_be_integer(long term) {
+  if (PL_is_variable(term)) {
+    pelm_instantiation_error();
+  }
+  int64_t v = 0;
+  if (!PL_is_integer(term)) {
+    pelm_type_error("integer", term);
+  }
+  if (!PL_get_int64(term, &v)) {
+    pelm_representation_error("int64_t");
   }
   return v;
 }
@@ -582,9 +866,10 @@ PELM_atom::PELM_atom(uintptr_t atom) : atom_(atom) {
 }
 
 PELM_atom::PELM_atom(long term) : atom_(0) {
+  pelm_must_be_atom(term);
   atom_t a;
-  if (!pelm_is_atom(term) || !PL_get_atom(term, &a)) {
-    throw PelmObjectCreationError("PELM_atom:term is not an atom", term);
+  if (!PL_get_atom(term, &a)) {
+    pelm_type_error("atom", term);
   }
   atom_ = a;
   PL_register_atom(atom_);
@@ -661,17 +946,21 @@ int PELMRegisterAllTypes() {
   return 1;
 }
 
-Collectable* PelmHeapLookup(long term) {
-  int id = -1;
-  if (!PrologIDToInt(term, &id)) {
-    std::cerr << "Illegal prolog id: " << id << std::endl;
-    return nullptr;
+Collectable* PelmHeapLookup(long term, const char* typeName) {
+  if (PL_is_variable(term)) {
+    pelm_instantiation_error();
   }
-  if (id < 0 || id >= the_pelm_heap.size() || the_pelm_heap.at(id) == nullptr) {
-    std::cerr << "Invalid cheap id: " << id << std::endl;
-    return nullptr;
+  void* data;
+  PL_blob_t* type;
+  if (!PL_get_blob(term, &data, nullptr, &type) || type != &g_handle_blob) {
+    pelm_type_error(typeName, term);
   }
-  return the_pelm_heap.at(id);
+  auto* handle = static_cast<ObjectHandle*>(data);
+  Collectable* c = g_heap[handle->index];
+  if (c == nullptr || !c->live()) {
+    pelm_existence_error(handle->type->name_.c_str(), term);
+  }
+  return c;
 }
 
 int PelmHeap::size() const {
@@ -686,19 +975,11 @@ bool PrologIDToInt(long term, int* id) {
   *id = -1;
   void* data;
   PL_blob_t* type;
-  if (PL_get_blob(term, &data, nullptr, &type)) {
-    if (type != &g_handle_blob) {
-      return false;
-    }
-    *id = static_cast<ObjectHandle*>(data)->index;
-    return true;
+  if (!PL_get_blob(term, &data, nullptr, &type) || type != &g_handle_blob) {
+    return false;
   }
-  int64_t v;
-  if (PL_is_integer(term) && PL_get_int64(term, &v) && v >= INT32_MIN && v <= INT32_MAX) {
-    *id = static_cast<int>(v);
-    return true;
-  }
-  return false;
+  *id = static_cast<ObjectHandle*>(data)->index;
+  return true;
 }
 
 // ---- Loading ------------------------------------------------------------------

@@ -49,6 +49,21 @@ bool pelm_is_acyclic(long term);
 int32_t pelm_get_integer(long term);
 // REQUIRES: pelm_is_float(term).
 double pelm_get_float(long term);
+// The value of any number (integer, rational or float) as a double; false for
+// any other term.
+bool pelm_get_number(long term, double* value);
+
+// The key of a ground term: two terms get the same key exactly when they are
+// identical (==); floats by their bits, texts by their code points, atoms and
+// functors by identifier. Keys of terms are prefix-free, so keys written one
+// after the other still tell the terms apart. Every list cell's tail counts
+// at the level of the cell, so long lists are fine; any other argument is a
+// level deeper, and terms deeper than maxDepth are refused. Throws the
+// Prolog error (instantiation, cycle, depth, blob or dict) for a refused term.
+void pelm_term_key(long term, int maxDepth, std::string* key);
+// The term as quoted Prolog text that reads back as the term, bracketed as an
+// operand of priority 199 (the left side of ":").
+std::string pelm_term_text(long term);
 
 // Identifiers of atoms and of functors (name with arity): small numbers that
 // stay the same for the life of the process, whatever the host's atom garbage
@@ -176,6 +191,40 @@ class PelmObjectCreationError : public std::runtime_error {
   long culprit_;  // slot of the offending term; 0 when none
 };
 
+// ---- Errors ---------------------------------------------------------------
+// The functions below build an ISO error term error(Formal, context(Name/Arity,
+// Message)) for the call in progress and throw PelmError; the call then
+// raises the term in Prolog. Message is the text when one is given, else
+// unbound. Culprit terms are copied into the error as it is built, so the
+// slots may belong to scratch tables that unwinding closes.
+
+class PelmError : public std::exception {
+ public:
+  const char* what() const noexcept override { return "Prolog error"; }
+};
+
+[[noreturn]] void pelm_instantiation_error(const std::string& message = "");
+[[noreturn]] void pelm_type_error(const char* type, long culprit, const std::string& message = "");
+[[noreturn]] void pelm_domain_error(const char* domain, long culprit,
+                                    const std::string& message = "");
+[[noreturn]] void pelm_domain_error(const char* domain, double culprit,
+                                    const std::string& message = "");
+[[noreturn]] void pelm_existence_error(const char* type, long culprit,
+                                       const std::string& message = "");
+[[noreturn]] void pelm_permission_error(const char* action, const char* type, long culprit,
+                                        const std::string& message = "");
+[[noreturn]] void pelm_representation_error(const char* what, const std::string& message = "");
+// error(cplogic_error(Name(Culprit), Where), Context): the module's own errors.
+[[noreturn]] void pelm_cplogic_error(const char* name, long culprit, const char* where);
+
+// Throws instantiation_error for a partial list and type_error(list, Term)
+// for anything else that is not a proper list (a cyclic list included).
+void pelm_must_be_list(long term);
+// Throw instantiation_error for an unbound term and type_error(atom, Term) or
+// type_error(integer, Term) for a term of another type.
+void pelm_must_be_atom(long term);
+int64_t pelm_must_be_integer(long term);
+
 // ---- Managed objects ------------------------------------------------------
 
 class pelm_type;
@@ -193,12 +242,16 @@ class Collectable {
   virtual bool is_type(const pelm_type*) const { return false; }
   virtual const char* type_name() const { return "collectable"; }
   virtual int type_id() const { return -1; }
-  // Releases what the object holds; the object stays in the heap.
+  // Releases what the object holds; the object stays in the heap, no longer
+  // live.
   virtual void do_free() {}
+  // False once freed: the object's handle then names nothing.
+  virtual bool live() const { return true; }
   virtual int IncRefCount() { return 0; }
   virtual int DecRefCount() { return 0; }
   virtual std::ostream& Print(std::ostream& os) const;
-  // Takes over the state of heap object id; 1 on success, 0 otherwise.
+  // Takes over the state of the live heap object id; 1 on success, 0 when
+  // the object is of another class.
   virtual int Copy(int) { return 0; }
   virtual std::ostream& Write(std::ostream& os) const { return os; }
   virtual std::istream& Read(std::istream& is) { return is; }
@@ -245,14 +298,17 @@ class PelmHeap {
 
 extern PelmHeap the_pelm_heap;
 
-// The heap index named by an object-ID term (an object handle, or an integer
-// taken as a raw index). False, with *id = -1, for any other term.
+// The heap index named by an object-ID term: only the handle that pelm_new
+// returned names an object, never a number, so an object is reached only by
+// whoever holds its handle and garbage collection sees every holder. False,
+// with *id = -1, for any other term.
 bool PrologIDToInt(long term, int* id);
 
-// The collectable an object-ID term names; null after "Illegal prolog id: "
-// (not an ID) or "Invalid cheap id: " (no object at that index) and the
-// number on std::cerr.
-Collectable* PelmHeapLookup(long term);
+// The live collectable an object-ID term names. Throws instantiation_error
+// for an unbound term, type_error(Type, Term) for a term that is not an
+// object handle, and existence_error(Type, Term) for the handle of an object
+// that was freed, Type being typeName (or the handle's own type).
+Collectable* PelmHeapLookup(long term, const char* typeName = "pelm_object");
 
 // ---- Loading --------------------------------------------------------------
 

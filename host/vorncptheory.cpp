@@ -1,50 +1,23 @@
 #include "vorncptheory.h"
 
+#include <cerrno>
+#include <cmath>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <sstream>
 #include <string>
 
-#include "confactor.h"
-
 namespace {
 
-const char kInvalidType[] = "Term has invalid type!\n";
-const char kMissingArgument[] = "Not that many arguments in functor\n";
+// A head may round to a little over 1; more is a mistake in the program.
+const double kHeadSumTolerance = 1e-9;
 
-// A choice variable's domain (head atoms + 1) must fit a 32-value domain set.
-const size_t kMaxHeadAtoms = 31;
-
-// Argument i of a structure, or 0 after a message when it has fewer.
-long argumentOf(long term, int i, PelmTermTable& table) {
-  long a = table.arg(term, i);
-  if (a == 0) {
-    std::cerr << kMissingArgument;
-  }
-  return a;
-}
-
-int integerOr(long term, int fallback) {
-  if (!pelm_is_integer(term)) {
-    std::cerr << kInvalidType;
-    return fallback;
-  }
-  return pelm_get_integer(term);
-}
-
-// Calls f on each element of a list; slots taken by f are given back after
-// each element, so that long lists need no more slots than short ones. term 0
-// (a missing argument) is an empty list.
+// Calls f on each element of a proper list; slots taken by f are given back
+// after each element, so that long lists need no more slots than short ones.
 template <class F>
 void forEachElement(long list, PelmTermTable& table, F f) {
-  if (list == 0) {
-    return;
-  }
-  PelmTermType type = pelm_term_type(list);
-  if (type != PELM_LIST_CELL && type != PELM_NIL) {
-    std::cerr << kInvalidType;
-    return;
-  }
+  pelm_must_be_list(list);
   PelmListWalk walk(table, list);
   while (walk.next()) {
     long mark = table.mark();
@@ -53,429 +26,318 @@ void forEachElement(long list, PelmTermTable& table, F f) {
   }
 }
 
-// Calls f(atomTerm, element) for each h(Atom, Probability) element; atomTerm
-// is 0 for an element that is not a structure.
-template <class F>
-void forEachHeadElement(long list, PelmTermTable& table, F f) {
-  forEachElement(list, table, [&](long element) {
-    if (!pelm_is_structure(element)) {
-      std::cerr << kInvalidType;
-      f(0, element);
-      return;
+// Argument i of a compound of the given arity; throws the Prolog error that
+// names the term (as a type_error(type, Term)) for any other term.
+long argumentOf(long term, int i, int arity, const char* type, PelmTermTable& table) {
+  if (pelm_is_var(term)) {
+    pelm_instantiation_error();
+  }
+  if (!pelm_is_structure(term) || pelm_functor_arity(pelm_functor_id(term)) != arity) {
+    pelm_type_error(type, term);
+  }
+  return table.arg(term, i);
+}
+
+// A head probability: a number in [0, 1], integers and rationals included.
+double probabilityOf(long term) {
+  if (pelm_is_var(term)) {
+    pelm_instantiation_error();
+  }
+  double p = 0.0;
+  if (!pelm_get_number(term, &p)) {
+    pelm_type_error("probability", term);
+  }
+  if (!(p >= 0.0 && p <= 1.0)) {  // NaN fails both
+    pelm_domain_error("probability", term);
+  }
+  return p;
+}
+
+// Writes text to the file name (the atom fileTerm); a file that cannot be
+// opened or written raises the error that names it.
+void writeFile(long fileTerm, const std::string& name, const std::string& text) {
+  errno = 0;
+  std::ofstream out(name, std::ios::out | std::ios::trunc | std::ios::binary);
+  if (!out) {
+    int error = errno;
+    std::string reason = error != 0 ? std::strerror(error) : "cannot open";
+    if (error == ENOENT || error == ENOTDIR) {
+      pelm_existence_error("source_sink", fileTerm, reason);
     }
-    f(table.arg(element, 1), element);
-  });
-}
-
-// The probability of a head element; -1.0 when it has none.
-double headProbability(long element, PelmTermTable& table) {
-  if (!pelm_is_structure(element)) {
-    return -1.0;
+    pelm_permission_error("open", "source_sink", fileTerm, reason);
   }
-  long p = argumentOf(element, 2, table);
-  if (p == 0) {
-    return -1.0;
+  out << text;
+  out.close();
+  if (out.fail()) {
+    pelm_permission_error("output", "source_sink", fileTerm, "cannot write the file");
   }
-  if (!pelm_is_float(p)) {
-    std::cerr << kInvalidType;
-    return -1.0;
-  }
-  return pelm_get_float(p);
-}
-
-// Calls f(atomTerm, value) for each body literal: value 0 for \+ Atom, 1 for
-// any other element, which is then the atom itself.
-template <class F>
-void forEachBodyElement(long list, PelmTermTable& table, F f) {
-  forEachElement(list, table, [&](long element) {
-    PelmTermType type = pelm_term_type(element);
-    if (type != PELM_ATOM && type != PELM_NIL && type != PELM_STRUCTURE) {
-      std::cerr << "Term is not an atom nor a structure\n";
-    } else if (type == PELM_STRUCTURE && pelm_functor_id(element) == g_global_not) {
-      f(table.arg(element, 1), 0);
-      return;
-    }
-    f(element, 1);
-  });
-}
-
-// Names the theory gives its own atoms: choice variables "C<number>" and
-// prime atoms (a name followed by an apostrophe).
-bool isReservedName(const std::string& name) {
-  if (!name.empty() && name.back() == '\'') {
-    return true;
-  }
-  if (name.size() < 2 || name[0] != 'C') {
-    return false;
-  }
-  return name.find_first_not_of("0123456789", 1) == std::string::npos;
-}
-
-template <class Map>
-void releaseKeys(Map& map) {
-  for (const auto& entry : map) {
-    entry.first.deleteRecursive();
-  }
-  map.clear();
 }
 
 }  // namespace
 
-VornCPTheory::VornCPTheory() : CPTheory(""), term_atoms_(10), atom_table_(10) {}
+VornCPTheory::VornCPTheory() : CPTheory("") {}
 
 VornCPTheory::VornCPTheory(long) : VornCPTheory() {}
 
-VornCPTheory::~VornCPTheory() {
-  for (GroundEventSet* groundings : ground_event_sets_) {
-    delete groundings;
-  }
-  ground_event_sets_.clear();
-  fo_event_values_.clear();
-  releaseKeys(atom_table_);
-  releaseKeys(term_atoms_);
-}
-
-void VornCPTheory::setSettings(int compileFlag, int, const PELM_atom& conversion,
-                               const PELM_atom& elimination, const PELM_atom&) {
-  CPTheory::setSettings(compileFlag != 0, conversion.text(), elimination.text());
+void VornCPTheory::setSettings(long compileFlag, long ignored1, long conversion, long elimination,
+                               long ignored2) {
+  bool compileBodies = pelm_must_be_integer(compileFlag) != 0;
+  pelm_must_be_integer(ignored1);
+  PELM_atom method(conversion);
+  PELM_atom variant(elimination);
+  PELM_atom unused(ignored2);
+  CPTheory::setSettings(compileBodies, method.text(), variant.text());
 }
 
 void VornCPTheory::compile() {
   CPTheory::compile();
 }
 
-double VornCPTheory::query(long queryTerm, long evidenceTerm) {
-  return answer(queryTerm, evidenceTerm, true);
-}
-
-double VornCPTheory::querySilent(long queryTerm, long evidenceTerm) {
-  return answer(queryTerm, evidenceTerm, false);
-}
-
-double VornCPTheory::answer(long queryTerm, long evidenceTerm, bool print) {
+double VornCPTheory::probability(long queryTerm, long evidenceTerm, bool print) {
   PelmTermTable table;
+  Atom* query = queryAtom(queryTerm);
+  // Evidence on an atom that nothing causes: false is certain and says
+  // nothing, true is impossible. Two values for one atom are impossible too.
   AtomBody evidence;
-  processEvidence(evidenceTerm, evidence, table);
-  Atom* atom = atomFromTerm(queryTerm, &table);
-  Confactor* result = CPTheory::query(atom, &evidence);
-  if (result == nullptr) {
-    return -1.0;
+  bool impossible = false;
+  forEachElement(evidenceTerm, table, [&](long element) {
+    if (print) {
+      std::cout << "** adding evidence atom **\n";
+    }
+    long atomTerm = argumentOf(element, 1, 2, "evidence_element", table);
+    long valueTerm = argumentOf(element, 2, 2, "evidence_element", table);
+    Atom* atom = findAtom(termKey(atomTerm));
+    if (pelm_is_var(valueTerm)) {
+      pelm_instantiation_error();
+    }
+    if (!pelm_is_integer(valueTerm) ||
+        (pelm_get_integer(valueTerm) != 0 && pelm_get_integer(valueTerm) != 1)) {
+      pelm_domain_error("evidence_value", valueTerm);
+    }
+    int value = pelm_get_integer(valueTerm);
+    if (atom == nullptr) {
+      impossible = impossible || value == 1;
+      return;
+    }
+    auto placed = evidence.emplace(atom, value);
+    impossible = impossible || placed.first->second != value;
+  });
+  std::vector<double> joint;
+  double total = 0.0;
+  if (!impossible) {
+    joint = jointProbabilities(query, evidence);
+    for (double p : joint) {
+      total += p;
+    }
   }
-  double p = result->values_.size() > 1 ? result->values_[1] : -1.0;
+  // Exactly zero: evidence of any probability above it is evidence.
+  if (impossible || total == 0.0) {
+    pelm_cplogic_error("contradictory_evidence", evidenceTerm, "evidence");
+  }
+  if (query == nullptr) {
+    joint = {total, 0.0};
+  }
   if (print) {
-    std::cout << "Result of query: " << *result;
+    std::cout << "Result of query: " << (query != nullptr ? query->name_ : termName(queryTerm))
+              << "\n";
+    for (size_t v = 0; v < joint.size(); ++v) {
+      std::cout << v << "\t" << joint[v] / total << "\n";
+    }
   }
-  delete result;
-  return p;
+  return joint.size() > 1 ? joint[1] / total : 0.0;
 }
 
 void VornCPTheory::save(long fileTerm) {
   PELM_atom file(fileTerm);
   std::string name = file.text();
-  std::ofstream out(name, std::ios::out | std::ios::trunc);
-  out << "% " << name << "\n\n" << static_cast<const CPTheory&>(*this) << "\n";
+  // Compiled first, so that the text does not depend on the queries asked
+  // before.
+  compile();
+  std::ostringstream text;
+  text << "% " << name << "\n\n" << static_cast<const CPTheory&>(*this) << "\n";
+  writeFile(fileTerm, name, text.str());
 }
 
-void VornCPTheory::printGraphviz(const PELM_atom& fileName) {
-  std::string name = fileName.text();
+void VornCPTheory::printGraphviz(long fileTerm) {
+  PELM_atom file(fileTerm);
+  std::string name = file.text();
   if (name.empty()) {
     return;
   }
-  std::ofstream out(name, std::ios::out | std::ios::trunc);
-  out << strGraphviz(false);
+  writeFile(fileTerm, name, strGraphviz(false));
 }
 
-void VornCPTheory::printHuginNet(long queryTerm, const PELM_atom& fileName) {
-  std::string name = fileName.text();
-  if (name.empty()) {
-    return;
-  }
+void VornCPTheory::printHuginNet(long queryTerm, long fileTerm) {
+  PELM_atom file(fileTerm);
+  std::string name = file.text();
   PelmTermTable table;
-  Atom* atom = atomFromTerm(queryTerm, &table);
-  if (atom == nullptr) {
+  Atom* atom = queryAtom(queryTerm);
+  if (name.empty()) {
     return;
   }
-  std::ofstream out(name, std::ios::out | std::ios::trunc);
-  out << strHuginNet(atom);
+  if (atom == nullptr) {
+    pelm_existence_error("theory_atom", queryTerm);
+  }
+  writeFile(fileTerm, name, strHuginNet(atom));
 }
 
 int VornCPTheory::atomInTable(long term) {
-  PelmTermTable table;
-  VornCPTheoryTerm key;
-  if (!atomFromTermBuildKey(term, &key, &table)) {
-    return -1;
-  }
-  int status = 0;
-  auto found = atom_table_.find(key);
-  if (found != atom_table_.end()) {
-    status = found->second;
-  } else {
-    atom_table_.emplace(key, 1);
-  }
-  key.deleteRecursive();
-  return status;
+  auto placed = atom_table_.emplace(termKey(term), 1);
+  return placed.second ? 0 : placed.first->second;
 }
 
 void VornCPTheory::atomTableSuccess(long term) {
-  PelmTermTable table;
-  VornCPTheoryTerm key;
-  if (!atomFromTermBuildKey(term, &key, &table)) {
-    return;
-  }
-  auto found = atom_table_.find(key);
-  if (found != atom_table_.end()) {
-    found->second = 2;
-  } else {
-    atom_table_.emplace(key, 2);
-  }
-  key.deleteRecursive();
+  atom_table_[termKey(term)] = 2;
 }
 
 void VornCPTheory::addEvent(long term) {
   PelmTermTable table;
-  if (!pelm_is_structure(term)) {
-    std::cerr << kInvalidType;
-    return;
-  }
-  long headList = argumentOf(term, 1, table);
-  long bodyList = argumentOf(term, 2, table);
-  AtomDoubles head;
-  std::vector<AtomValuePair<int>> body;
-  forEachHeadElement(headList, table, [&](long atomTerm, long element) {
-    Atom* atom = atomTerm != 0 ? atomFromTerm(atomTerm, &table) : nullptr;
-    double p = headProbability(element, table);
-    if (atom != nullptr) {
-      head.emplace_back(atom, p);
-    }
-  });
-  forEachBodyElement(bodyList, table, [&](long atomTerm, int value) {
-    Atom* atom = atomTerm != 0 ? atomFromTerm(atomTerm, &table) : nullptr;
-    if (atom != nullptr) {
-      body.emplace_back(atom, value);
-    }
-  });
+  long headList = argumentOf(term, 1, 2, "event", table);
+  long bodyList = argumentOf(term, 2, 2, "event", table);
+  std::vector<Literal> head;
+  std::vector<Literal> body;
+  readHead(headList, table, &head);
+  readBody(bodyList, table, &body);
   addRule(head, body);
 }
 
-void VornCPTheory::addFoEvent(int event, int count) {
-  if (event < 0 || event >= kMaxFoEvents || count < 0) {
-    std::cerr << "Invalid first-order event " << event << " with " << count << " terms\n";
-    return;
+void VornCPTheory::addFoEvent(long eventTerm, long countTerm) {
+  int64_t event = pelm_must_be_integer(eventTerm);
+  int64_t count = pelm_must_be_integer(countTerm);
+  std::string what = "Invalid first-order event " + std::to_string(event) + " with " +
+                     std::to_string(count) + " terms";
+  if (event < 0 || event >= kMaxFoEvents) {
+    pelm_domain_error("fo_event", eventTerm, what);
   }
-  if (static_cast<size_t>(event) < fo_event_values_.size() && fo_event_values_[event] != count &&
-      ground_event_sets_[event] != nullptr && !ground_event_sets_[event]->empty()) {
-    std::cerr << "First-order event " << event << " already has groundings of "
-              << fo_event_values_[event] << " terms\n";
-    return;
+  if (count < 0 || count > INT32_MAX) {
+    pelm_domain_error("fo_event_term_count", countTerm, what);
   }
-  while (fo_event_values_.size() <= static_cast<size_t>(event)) {
-    fo_event_values_.push_back(0);
-    ground_event_sets_.push_back(nullptr);
+  size_t e = static_cast<size_t>(event);
+  if (e < fo_event_values_.size() && fo_event_values_[e] != count && !ground_events_[e].empty()) {
+    pelm_permission_error("modify", "fo_event", eventTerm,
+                          "First-order event " + std::to_string(event) +
+                              " already has groundings of " + std::to_string(fo_event_values_[e]) +
+                              " terms");
   }
-  fo_event_values_[event] = count;
+  if (fo_event_values_.size() <= e) {
+    fo_event_values_.resize(e + 1, -1);
+    ground_events_.resize(e + 1);
+  }
+  fo_event_values_[e] = static_cast<int32_t>(count);
 }
 
 void VornCPTheory::addGroundEvent(long term) {
   PelmTermTable table;
-  if (!pelm_is_structure(term)) {
-    std::cerr << kInvalidType;
+  long eventTerm = argumentOf(term, 1, 3, "ground_event", table);
+  long headList = argumentOf(term, 2, 3, "ground_event", table);
+  long bodyList = argumentOf(term, 3, 3, "ground_event", table);
+  int64_t event = pelm_must_be_integer(eventTerm);
+  if (event < 0 || static_cast<uint64_t>(event) >= fo_event_values_.size() ||
+      fo_event_values_[event] < 0) {
+    pelm_existence_error("fo_event", eventTerm,
+                         "First-order event " + std::to_string(event) + " was not announced");
+  }
+  std::vector<Literal> head;
+  std::vector<Literal> body;
+  readHead(headList, table, &head);
+  readBody(bodyList, table, &body);
+  size_t n = static_cast<size_t>(fo_event_values_[event]);
+  if (head.size() + body.size() != n) {
+    pelm_domain_error("fo_event_grounding", term,
+                      "Grounding of first-order event " + std::to_string(event) + " has " +
+                          std::to_string(head.size() + body.size()) + " terms instead of " +
+                          std::to_string(n));
+  }
+  // The terms alone identify a grounding of the event.
+  std::string grounding;
+  for (const Literal& l : head) {
+    grounding += l.key;
+  }
+  for (const Literal& l : body) {
+    grounding += l.key;
+  }
+  std::unordered_set<std::string>& groundings = ground_events_[event];
+  if (groundings.count(grounding) != 0) {
     return;
-  }
-  long numberTerm = argumentOf(term, 1, table);
-  int event = numberTerm != 0 ? integerOr(numberTerm, -1) : -1;
-  if (event < 0 || static_cast<size_t>(event) >= fo_event_values_.size()) {
-    std::cerr << "First-order event " << event << " was not announced\n";
-    return;
-  }
-  long headList = argumentOf(term, 2, table);
-  long bodyList = argumentOf(term, 3, table);
-  size_t heads = headList != 0 ? PelmListWalk(table, headList).length() : 0;
-  size_t bodies = bodyList != 0 ? PelmListWalk(table, bodyList).length() : 0;
-  int n = fo_event_values_[event];
-  if (heads + bodies != static_cast<size_t>(n)) {
-    std::cerr << "Grounding of first-order event " << event << " has " << heads + bodies
-              << " terms instead of " << n << "\n";
-    return;
-  }
-
-  VornCPTheoryGroundEvent grounding(n);
-  std::vector<double> probabilities;
-  std::vector<int> values;
-  int i = 0;
-  forEachHeadElement(headList, table, [&](long atomTerm, long element) {
-    if (atomTerm != 0) {
-      atomFromTermBuildKey(atomTerm, grounding.getTerm(i), &table);
-    }
-    probabilities.push_back(headProbability(element, table));
-    ++i;
-  });
-  forEachBodyElement(bodyList, table, [&](long atomTerm, int value) {
-    if (atomTerm != 0) {
-      atomFromTermBuildKey(atomTerm, grounding.getTerm(i), &table);
-    }
-    values.push_back(value);
-    ++i;
-  });
-  if (i != n) {  // a list walked differently the second time cannot happen
-    return;
-  }
-  grounding.computeHash();
-  GroundEventSet*& groundings = ground_event_sets_[event];
-  if (groundings == nullptr) {
-    groundings = new GroundEventSet(10);
-  }
-  // A grounding with a refused term cannot be compared; it is not recorded.
-  if (grounding.valid()) {
-    if (groundings->count(grounding) != 0) {
-      return;
-    }
-    groundings->insert(grounding);
-  }
-
-  AtomDoubles head;
-  std::vector<AtomValuePair<int>> body;
-  for (size_t h = 0; h < probabilities.size(); ++h) {
-    Atom* atom = atomFromTerm(*grounding.getTerm(static_cast<int>(h)));
-    if (atom != nullptr) {
-      head.emplace_back(atom, probabilities[h]);
-    }
-  }
-  for (size_t b = 0; b < values.size(); ++b) {
-    Atom* atom = atomFromTerm(*grounding.getTerm(static_cast<int>(probabilities.size() + b)));
-    if (atom != nullptr) {
-      body.emplace_back(atom, values[b]);
-    }
   }
   addRule(head, body);
+  groundings.insert(std::move(grounding));
 }
 
-void VornCPTheory::addRule(AtomDoubles& head, std::vector<AtomValuePair<int>>& body) {
+void VornCPTheory::readHead(long list, PelmTermTable& table, std::vector<Literal>* head) {
+  double sum = 0.0;
+  forEachElement(list, table, [&](long element) {
+    long atomTerm = argumentOf(element, 1, 2, "head_element", table);
+    long probabilityTerm = argumentOf(element, 2, 2, "head_element", table);
+    Literal literal = readLiteral(atomTerm);
+    literal.probability = probabilityOf(probabilityTerm);
+    sum += literal.probability;
+    head->push_back(std::move(literal));
+  });
+  if (sum > 1.0 + kHeadSumTolerance) {
+    pelm_domain_error("head_probability_sum", sum);
+  }
+}
+
+void VornCPTheory::readBody(long list, PelmTermTable& table, std::vector<Literal>* body) {
+  forEachElement(list, table, [&](long element) {
+    if (pelm_is_var(element)) {
+      pelm_instantiation_error();
+    }
+    bool negated = pelm_is_structure(element) && pelm_functor_id(element) == g_global_not;
+    Literal literal = readLiteral(negated ? table.arg(element, 1) : element);
+    literal.value = negated ? 0 : 1;
+    body->push_back(std::move(literal));
+  });
+}
+
+VornCPTheory::Literal VornCPTheory::readLiteral(long term) {
+  Literal literal{termKey(term), std::string(), 0.0, 1};
+  if (findAtom(literal.key) == nullptr) {
+    literal.name = termName(term);
+  }
+  return literal;
+}
+
+void VornCPTheory::addRule(const std::vector<Literal>& head, const std::vector<Literal>& body) {
   // A rule without head atoms causes nothing.
   if (head.empty()) {
     return;
   }
-  if (head.size() > kMaxHeadAtoms) {
-    std::cerr << "Event with " << head.size() << " head atoms ignored: at most " << kMaxHeadAtoms
-              << " are allowed\n";
-    return;
+  AtomDoubles headAtoms;
+  std::vector<AtomValuePair<int>> bodyAtoms;
+  for (const Literal& l : head) {
+    headAtoms.emplace_back(registerAtom(l), l.probability);
   }
-  CPTheory::addParsedEvent(head, body);
+  for (const Literal& l : body) {
+    bodyAtoms.emplace_back(registerAtom(l), l.value);
+  }
+  CPTheory::addParsedEvent(headAtoms, bodyAtoms);
 }
 
-void VornCPTheory::processEvidence(long term, AtomBody& evidence, PelmTermTable& table) {
-  PelmListWalk walk(table, term);
-  while (walk.next()) {
-    std::cout << "** adding evidence atom **\n";
-    long mark = table.mark();
-    long element = walk.head();
-    if (!pelm_is_structure(element)) {
-      std::cerr << kInvalidType;
-    } else {
-      long atomTerm = argumentOf(element, 1, table);
-      Atom* atom = atomFromTerm(atomTerm, &table);
-      long valueTerm = argumentOf(element, 2, table);
-      int value = valueTerm != 0 ? integerOr(valueTerm, 0) : 0;
-      if (atom != nullptr) {
-        evidence[atom] = value == 1 ? 1 : 0;
-      }
-    }
-    table.release(mark);
-  }
-}
-
-Atom* VornCPTheory::atomFromTerm(long term, PelmTermTable* table) {
-  VornCPTheoryTerm key;
-  if (!atomFromTermBuildKey(term, &key, table)) {
-    return nullptr;
-  }
-  Atom* atom = atomFromTerm(key);
-  key.deleteRecursive();
-  return atom;
-}
-
-Atom* VornCPTheory::atomFromTerm(const VornCPTheoryTerm& key) {
-  if (key.kind_ == VornCPTheoryTerm::kInvalid) {
-    return nullptr;
-  }
+Atom* VornCPTheory::findAtom(const std::string& key) const {
   auto found = term_atoms_.find(key);
-  if (found != term_atoms_.end()) {
-    return found->second;
+  return found != term_atoms_.end() ? found->second : nullptr;
+}
+
+Atom* VornCPTheory::registerAtom(const Literal& literal) {
+  Atom* atom = findAtom(literal.key);
+  if (atom != nullptr) {
+    return atom;
   }
-  std::ostringstream name;
-  key.print(name);
-  if (isReservedName(name.str())) {
-    std::cerr << "VornCPTheory::atomFromTerm(): " << name.str()
-              << " is the name of an atom of the theory itself" << std::endl;
-    return nullptr;
+  // Quoted names never look like the theory's own atoms (C12, a', C3_x), but
+  // a name already taken must not merge two atoms.
+  std::string name = literal.name;
+  while (atoms_.count(name) != 0) {
+    name += "_";
   }
-  Atom* atom = addAtom(name.str());
-  term_atoms_.emplace(key, atom);
+  atom = addAtom(name);
+  term_atoms_.emplace(literal.key, atom);
   return atom;
 }
 
-bool VornCPTheory::atomFromTermBuildKey(long term, VornCPTheoryTerm* key, PelmTermTable* table) {
-  if (!pelm_is_acyclic(term)) {
-    std::cerr << "VornCPTheory::atomFromTermBuildKey(): illegal term" << std::endl;
-    return false;
-  }
-  if (!buildKey(term, key, table, 0)) {
-    key->deleteRecursive();  // the part built before the refused subterm
-    key->kind_ = VornCPTheoryTerm::kInvalid;
-    key->args_ = nullptr;
-    return false;
-  }
-  return true;
-}
-
-// Recursion is bounded by kMaxTermDepth; list tails are walked in a loop.
-bool VornCPTheory::buildKey(long term, VornCPTheoryTerm* key, PelmTermTable* table, int depth) {
-  PelmTermType type = pelm_term_type(term);
-  if (depth > kMaxTermDepth) {
-    type = PELM_OTHER;
-  }
-  switch (type) {
-    case PELM_ATOM:
-    case PELM_NIL:
-      key->kind_ = VornCPTheoryTerm::kAtom;
-      key->value_ = pelm_atom_id(term);
-      return true;
-    case PELM_INTEGER:
-      key->kind_ = VornCPTheoryTerm::kInteger;
-      key->value_ = static_cast<uint32_t>(pelm_get_integer(term));
-      return true;
-    case PELM_LIST_CELL: {
-      PelmListWalk walk(*table, term);
-      key->allocArgs(VornCPTheoryTerm::kList, 0, static_cast<int32_t>(walk.length()));
-      for (int32_t i = 0; walk.next(); ++i) {
-        long mark = table->mark();
-        bool built = buildKey(walk.head(), key->arg(i), table, depth + 1);
-        table->release(mark);
-        if (!built) {
-          return false;
-        }
-      }
-      return true;
-    }
-    case PELM_STRUCTURE: {
-      PelmFunctorId functor = pelm_functor_id(term);
-      int arity = pelm_functor_arity(functor);
-      key->allocArgs(VornCPTheoryTerm::kStructure, functor, arity);
-      long slot = table->mark();
-      for (int i = 1; i <= arity; ++i) {
-        long mark = table->mark();
-        bool built =
-            table->getArg(term, i, slot) && buildKey(slot, key->arg(i - 1), table, depth + 1);
-        table->release(mark);
-        if (!built) {
-          return false;
-        }
-      }
-      return true;
-    }
-    default:
-      std::cerr << "VornCPTheory::atomFromTermBuildKey(): illegal term" << std::endl;
-      return false;
-  }
+Atom* VornCPTheory::queryAtom(long queryTerm) {
+  return findAtom(termKey(queryTerm));
 }
 
 std::ostream& VornCPTheory::Print(std::ostream& os) const {

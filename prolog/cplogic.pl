@@ -16,7 +16,8 @@
             pelm_free/1,                     % +Object
             pelm_copy/2,                     % +Target, +Source
             pelm_print/1,                    % +Object
-            cplogic_hugin_net/3              % +Theory, +Query, +FileAtom
+            cplogic_hugin_net/3,             % +Theory, +Query, +FileAtom
+            cplogic_prob/4                   % +Theory, +Query, +Evidence, -Prob
           ]).
 
 /** <module> Exact inference in CP-logic theories
@@ -33,10 +34,22 @@ with events:
         being the number of head and body elements of each grounding.
         A grounding already added is ignored.
 
-Queries take a ground atom and a list of evidence e(Atom, Value), Value 1
-for true and any other integer for false, and answer the probability that
-the atom is true.  The object is freed by pelm_free/1 or when Prolog no
-longer refers to it.
+Atoms are ground terms of any kind (numbers and strings included), told
+apart structurally: 'p(1)' and p(1) are two atoms.  Each is named by its
+quoted text in saved theories, Graphviz and Hugin files.  Probabilities are
+numbers in [0, 1]; the probabilities of a head sum to at most 1.
+
+cplogic_prob(Theory, Query, Evidence, P) answers P(Query | Evidence),
+Evidence a list of e(Atom, Value) with Value 1 (true) or 0 (false), and
+prints nothing.  A query changes nothing in the theory: an atom the theory
+does not know is false.  Evidence of probability 0 raises
+error(cplogic_error(contradictory_evidence(Evidence), evidence), _).
+vorn_cp_theory_query_silent/4 gives the same answers and errors;
+vorn_cp_theory_query/4 also prints the evidence and the query's table.
+
+Every predicate raises an ISO error term naming the argument at fault;
+an object that was freed raises existence_error(vorn_cp_theory, Object).
+The object is freed by pelm_free/1 or when Prolog no longer refers to it.
 
 cplogic_hugin_net(Theory, Query, File) writes the Bayesian network that the
 query builds, in the Hugin format.
