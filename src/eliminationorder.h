@@ -1,0 +1,34 @@
+// Elimination orders chosen per query: a greedy min-fill order over the
+// interaction graph of the confactors a query needs.
+#ifndef CPLOGIC_ELIMINATIONORDER_H
+#define CPLOGIC_ELIMINATIONORDER_H
+
+#include <vector>
+
+#include "atom.h"
+
+// A greedy elimination order of `eliminate` over the interaction graph of
+// `scopes` (two atoms interact when some scope holds both; a scope is the
+// set of atoms of one confactor, context and table atoms alike). Each step
+// takes the atom whose elimination adds the fewest new edges (min-fill),
+// ties broken by the smaller resulting table (product of the domain sizes of
+// the atom and its neighbours, compared in log space, never overflowing),
+// then by position in `eliminate`. Atoms of scopes that are not in
+// `eliminate` stay in the graph as neighbours and are never eliminated.
+//
+// Returns every atom of `eliminate` exactly once (a repeated atom keeps its
+// first position); the same input always gives the same order.
+//
+// Cost: an atom with more than 64 live neighbours is scored by the fill it
+// could add at most (all its neighbour pairs), not by its exact fill, so
+// hubs never cost degree^2 per rescoring; after each step only the
+// neighbours of the eliminated atom are rescored. Scopes become cliques of
+// the graph, so one scope of k atoms costs k^2 memory.
+std::vector<Atom*> greedyEliminationOrder(const std::vector<std::vector<Atom*>>& scopes,
+                                          const std::vector<Atom*>& eliminate);
+
+// Convenience: the scopes of confactors, one per confactor, with all its atoms.
+class Confactor;
+std::vector<std::vector<Atom*>> confactorScopes(const std::vector<Confactor*>& confactors);
+
+#endif
