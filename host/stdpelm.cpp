@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <mutex>
 #include <new>
@@ -651,6 +652,12 @@ std::string pelm_term_text(long term) {
   Sfree(buffer);
   if (!written) {
     throw PelmError();  // the writer's exception (out of stack) is pending
+  }
+  // Symbol characters at either end would glue to the ":" after a head atom
+  // or the "\\+" before a negated one (\\+- is one token): bracket them.
+  const char* symbols = "#$&*+-./:<=>?@^~\\";
+  if (!text.empty() && (std::strchr(symbols, text.front()) || std::strchr(symbols, text.back()))) {
+    text = "(" + text + ")";
   }
   return text;
 }

@@ -62,7 +62,8 @@ bool pelm_get_number(long term, double* value);
 // Prolog error (instantiation, cycle, depth, blob or dict) for a refused term.
 void pelm_term_key(long term, int maxDepth, std::string* key);
 // The term as quoted Prolog text that reads back as the term, bracketed as an
-// operand of priority 199 (the left side of ":").
+// operand of priority 199 (the left side of ":"), and bracketed as well when
+// it starts or ends with a symbol character.
 std::string pelm_term_text(long term);
 
 // Identifiers of atoms and of functors (name with arity): small numbers that

@@ -42,39 +42,25 @@ test(free_in_any_order) :-
                     ( Which == source -> pelm_free(Source) ; pelm_free(Copy) )),
              forall(member(Which-Object, [source-Source, copy-Copy]),
                     (   memberchk(Which, Order)
-                    ->  capture_stderr(\+ answers(Object, _), Err),
-                        assertion(Err == "vorn_cp_theory_query_silent/4 - arg 1: invalid c object ID \n")
+                    ->  catch(answers(Object, _), E, true),
+                        assertion(subsumes_term(error(existence_error(vorn_cp_theory, Object), _), E))
                     ;   answers(Object, 0.25)
                     ))
            )).
-test(free_twice) :-
+% A freed object stays freed: freeing again, copying into it or from it.
+test(freed_stays_freed) :-
     small_theory(T),
+    pelm_new(vorn_cp_theory, Other),
     pelm_free(T),
-    pelm_free(T),
-    capture_stderr(\+ vorn_cp_theory_compile(T), Err),
-    assertion(Err == "vorn_cp_theory_compile/1 - arg 1: invalid c object ID \n").
-test(copy_from_freed, [true(Err == Expected)]) :-
-    small_theory(Source),
-    pelm_free(Source),
-    pelm_new(vorn_cp_theory, Target),
-    object_index(Source, Index),
-    format(string(Expected), "Invalid cheap id: ~w\n", [Index]),
-    capture_stderr(\+ pelm_copy(Target, Source), Err).
-test(copy_from_bad_id, [true(Err == "Invalid cheap id: 100000\n")]) :-
-    pelm_new(vorn_cp_theory, Target),
-    capture_stderr(\+ pelm_copy(Target, 100000), Err).
-test(integer_id_names_the_object) :-
-    small_theory(T),
-    object_index(T, Index),
-    answers(Index, 0.25).
+    forall(member(G, [pelm_free(T), pelm_copy(T, Other), pelm_copy(Other, T), pelm_print(T)]),
+           catch(( G, assertion(false) ), error(existence_error(vorn_cp_theory, T), _), true)),
+    answers(Other, 0.0).
 test(print, [true(Out == "a:0.25 :- true.\n")]) :-
     small_theory(T),
     vorn_cp_theory_compile(T),
     with_output_to(string(Out), pelm_print(T)).
 % Objects no longer referenced from Prolog are freed by garbage collection,
-% copies included, and their indices are not given to new objects. SWI's atom
-% collector may run in its own thread and may keep the last few handles it
-% saw, so the test waits for most of them.
+% copies included, and their indices are not given to new objects.
 test(garbage_collection) :-
     findall(Index, ( between(1, 20, _),
                      small_theory(T),
@@ -82,28 +68,13 @@ test(garbage_collection) :-
                      pelm_copy(Copy, T),
                      object_index(T, Index)
                    ), Indices),
-    once(( between(1, 100, _),
-           garbage_collect,
-           garbage_collect_atoms,
-           sleep(0.01),
-           freed(Indices, Freed),
-           length(Freed, N),
-           N >= 15
-         )),
+    garbage_collect,
+    garbage_collect_atoms,
     small_theory(New),
     object_index(New, NewIndex),
     max_list(Indices, Max),
     assertion(Max < NewIndex),
     answers(New, 0.25).
-
-freed(Indices, Freed) :-
-    findall(I, ( member(I, Indices),
-                 capture_stderr(\+ vorn_cp_theory_compile(I), Err),
-                 format(string(Expected),
-                        "Invalid cheap id: ~w\nHeapGetFromTerm returns 0\nvorn_cp_theory_compile/1 - arg 1: invalid c object ID \n",
-                        [I]),
-                 Err == Expected
-               ), Freed).
 
 % Calls from several threads at once are taken one at a time.
 test(threads) :-
@@ -116,8 +87,7 @@ thread_work(Shared) :-
     forall(between(1, 25, _),
            ( alarm_theory(Own),
              vorn_cp_theory_query_silent(Own, calls(john), [], P1),
-             with_output_to(string(_),
-                            vorn_cp_theory_query_silent(Shared, burglary, [e(alarm, 1)], P2)),
+             cplogic_prob(Shared, burglary, [e(alarm, 1)], P2),
              near(P1, 0.1721),
              near(P2, 0.0908/0.1628),
              pelm_free(Own)

@@ -1,7 +1,8 @@
 % Every predicate fed malformed arguments: unbound variables, floats, strings,
 % wrong arities, improper, partial and cyclic lists, cyclic terms, a list of a
-% million elements and terms nested a hundred thousand deep. The session goes
-% on, the messages are the module's own, and the theory still answers.
+% million elements and terms nested a hundred thousand deep. Each call
+% succeeds, fails, or raises an ISO error term; nothing is printed; the
+% session goes on and the theory still answers.
 :- use_module('../../prolog/cplogic').
 :- use_module(test_support).
 :- use_module(library(plunit)).
@@ -114,12 +115,21 @@ malformed_call(Template, T, Goal, Value, Position) :-
     setarg(Position, Goal, Value).
 
 call_quietly(Goal) :-
-    catch(with_output_to(string(_), ignore(Goal)), _, true).
+    catch(with_output_to(string(_), ignore(Goal)), E, true),
+    (   var(E)
+    ->  true
+    ;   E = error(Formal, _), nonvar(Formal),
+        functor(Formal, Name, _),
+        memberchk(Name, [ instantiation_error, type_error, domain_error, existence_error,
+                          representation_error, permission_error, cplogic_error ])
+    ->  true
+    ;   format(user_error, "unexpected ~q~n", [E])
+    ).
 
 alarm_answers(T, [P1, P2, P3]) :-
     vorn_cp_theory_set_settings(T, 1, 0, cpts, cst, x),
     vorn_cp_theory_query_silent(T, alarm, [], P1),
-    with_output_to(string(_), vorn_cp_theory_query_silent(T, burglary, [e(alarm, 1)], P2)),
+    vorn_cp_theory_query_silent(T, burglary, [e(alarm, 1)], P2),
     vorn_cp_theory_query_silent(T, calls(john), [], P3).
 
 :- begin_tests(robustness).
@@ -142,16 +152,7 @@ test(malformed_arguments) :-
           assertion(near(P1, 0.1628)),
           assertion(near(P2, 0.0908/0.1628)),
           assertion(near(P3, 0.1721)),
-          forall(member(Message, [ "Term has invalid type!\n",
-                                   "Not that many arguments in functor\n",
-                                   "Term is not an atom nor a structure\n",
-                                   "VornCPTheory::atomFromTermBuildKey(): illegal term\n",
-                                   "Illegal prolog id: -1\n",
-                                   "Invalid cheap id: ",
-                                   "HeapGetFromTerm returns 0\n",
-                                   "vorn_cp_theory_add_event/2 - arg 1: invalid c object ID \n"
-                                 ]),
-                 assertion(sub_string(Err, _, _, _, Message)))
+          assertion(Err == "")
         )).
 
 :- end_tests(robustness).
