@@ -63,9 +63,9 @@ void order(benchmark::State& state, const Graph& g) {
     std::vector<Atom*> o = greedyEliminationOrder(g.scopes, g.all);
     benchmark::DoNotOptimize(o.data());
   }
-  state.counters["per_atom"] =
-      benchmark::Counter(static_cast<double>(g.all.size()),
-                         benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+  state.counters["per_atom"] = benchmark::Counter(
+      static_cast<double>(g.all.size()),
+      benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
 }
 
 void BM_Chain(benchmark::State& s) {
@@ -84,7 +84,10 @@ BENCHMARK(BM_Grid)
     ->Args({3, 333333})
     ->Args({20, 50000})
     ->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Star)->Args({10000, 1})->Args({10000, 2})->Args({1000000, 1})->Unit(
-    benchmark::kMillisecond);
+BENCHMARK(BM_Star)
+    ->Args({10000, 1})
+    ->Args({10000, 2})
+    ->Args({1000000, 1})
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -84,6 +84,57 @@ TEST(GreedyEliminationOrder, EachAtomOnceIndependentOfIds) {
   EXPECT_EQ(greedyEliminationOrder(net.scopes, elim), order);
 }
 
+// Min-fill the slow way: every score recomputed at every step.
+std::vector<Atom*> naiveMinFill(const Net& net, const std::vector<Atom*>& elim) {
+  std::map<Atom*, std::set<Atom*>> g;
+  for (const auto& s : net.scopes)
+    for (Atom* x : s)
+      for (Atom* y : s)
+        if (x != y)
+          g[x].insert(y);
+  std::vector<Atom*> left = elim, order;
+  while (!left.empty()) {
+    size_t best = 0, bestFill = SIZE_MAX, bestDeg = 0;
+    for (size_t i = 0; i < left.size(); ++i) {
+      const std::set<Atom*>& nb = g[left[i]];
+      size_t fill = 0;
+      for (Atom* x : nb)
+        for (Atom* y : nb)
+          fill += x < y && !g[x].count(y);
+      if (fill < bestFill || (fill == bestFill && nb.size() < bestDeg))
+        best = i, bestFill = fill, bestDeg = nb.size();
+    }
+    order.push_back(left[best]);
+    left.erase(left.begin() + best);
+    const std::set<Atom*> nb = g[order.back()];
+    for (Atom* x : nb) {
+      g[x].erase(order.back());
+      for (Atom* y : nb)
+        if (x != y)
+          g[x].insert(y);
+    }
+    g.erase(order.back());
+  }
+  return order;
+}
+
+TEST(GreedyEliminationOrder, MatchesNaiveMinFill) {
+  std::mt19937 rng(13);
+  for (int round = 0; round < 30; ++round) {
+    Net net(60);
+    for (int s = 0; s < 50; ++s) {
+      std::vector<int> members;
+      for (int k = 1 + rng() % 3; k > 0; --k)
+        members.push_back(rng() % 60);
+      net.scope(members);
+    }
+    std::vector<Atom*> elim = net.all();
+    std::shuffle(elim.begin(), elim.end(), rng);
+    elim.resize(40 + rng() % 21);
+    EXPECT_EQ(greedyEliminationOrder(net.scopes, elim), naiveMinFill(net, elim)) << round;
+  }
+}
+
 TEST(GreedyEliminationOrder, ReachesKnownWidths) {
   std::mt19937 rng(5);
   Net chain(1000), tree(1000), star(10001);
@@ -111,8 +162,8 @@ TEST(GreedyEliminationOrder, ReachesKnownWidths) {
     Net grid(k * n);
     for (int c = 0; c < n; ++c)
       for (int r = 0; r < k; ++r)
-        grid.scope({c * k + r, c > 0 ? (c - 1) * k + r : c * k + r,
-                    r > 0 ? c * k + r - 1 : c * k + r});
+        grid.scope(
+            {c * k + r, c > 0 ? (c - 1) * k + r : c * k + r, r > 0 ? c * k + r - 1 : c * k + r});
     const Induced g = simulate(grid, greedyEliminationOrder(grid.scopes, grid.all()));
     EXPECT_GE(g.width, size_t(k));
     EXPECT_LE(g.width, size_t(k + 1)) << k;
