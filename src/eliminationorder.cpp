@@ -43,7 +43,7 @@ class Queue {
  public:
   explicit Queue(std::vector<Entry> entries) : heap_(std::move(entries)), pos_(heap_.size()) {
     for (size_t i = 0; i < heap_.size(); ++i)
-      pos_[heap_[i].v] = i;
+      pos_[heap_[i].v] = uint32_t(i);
     for (size_t i = heap_.size() / 4 + 1; i-- > 0;)
       down(i);
   }
@@ -104,88 +104,89 @@ class Queue {
 
   void place(size_t i, const Entry& e) {
     heap_[i] = e;
-    pos_[e.v] = i;
+    pos_[e.v] = uint32_t(i);
   }
 
   std::vector<Entry> heap_;
-  std::vector<size_t> pos_;
+  std::vector<uint32_t> pos_;
 };
 
 // Dense indices for the atoms: the atoms to eliminate first, in order of
-// first appearance (so an index is the tie-break position), then the others.
-// Atom ids are unique in practice, which gives a flat table; a clash (two
+// first appearance (so an index is the tie-break position), then the others;
+// and the scopes' atoms as indices, concatenated. Atom ids are unique in
+// practice, which gives a flat table and one read of each atom; a clash (two
 // atoms with one id) falls back to a hash map.
 class AtomIndex {
  public:
   AtomIndex(const std::vector<std::vector<Atom*>>& scopes, const std::vector<Atom*>& eliminate) {
-    int64_t lo = INT64_MAX, hi = INT64_MIN;
     size_t total = eliminate.size();
-    for (const Atom* a : eliminate) {
+    for (const auto& s : scopes)
+      total += s.size();
+    ids_.reserve(total);
+    int64_t lo = INT64_MAX, hi = INT64_MIN;
+    auto read = [&](const Atom* a) {
+      assert(a != nullptr);
+      ids_.push_back(a->id_);
       lo = std::min<int64_t>(lo, a->id_);
       hi = std::max<int64_t>(hi, a->id_);
-    }
-    for (const auto& s : scopes) {
-      total += s.size();
-      for (const Atom* a : s) {
-        lo = std::min<int64_t>(lo, a->id_);
-        hi = std::max<int64_t>(hi, a->id_);
-      }
-    }
-    flat_ = total > 0 && hi - lo < 4 * int64_t(total) + 1024;
-    if (flat_) {
-      lo_ = lo;
-      slot_.assign(size_t(hi - lo + 1), -1);
-    }
-    for (Atom* a : eliminate)
-      add(a);
-    eliminable_ = int32_t(atoms_.size());
+    };
+    for (const Atom* a : eliminate)
+      read(a);
     for (const auto& s : scopes)
-      for (Atom* a : s)
-        add(a);
-  }
-
-  int32_t add(Atom* a) {
-    assert(a != nullptr);
-    if (flat_) {
-      int32_t& s = slot_[size_t(a->id_ - lo_)];
-      if (s < 0) {
-        s = int32_t(atoms_.size());
-        atoms_.push_back(a);
-        return s;
-      }
-      if (atoms_[s] == a)
-        return s;
-      switchToMap();
+      for (const Atom* a : s)
+        read(a);
+    if (total > 0 && hi - lo < 4 * int64_t(total) + 1024) {
+      std::vector<int32_t> slot(size_t(hi - lo + 1), -1);
+      if (assign(scopes, eliminate, [&](Atom* a, int32_t id) -> int32_t& {
+            (void)a;
+            return slot[size_t(id - lo)];
+          }))
+        return;
     }
-    auto it = map_.emplace(a, int32_t(atoms_.size()));
-    if (it.second)
-      atoms_.push_back(a);
-    return it.first->second;
-  }
-
-  // Only for atoms already added.
-  int32_t operator[](Atom* a) const {
-    if (flat_)
-      return slot_[size_t(a->id_ - lo_)];
-    return map_.find(a)->second;
+    std::unordered_map<const Atom*, int32_t> map;
+    map.reserve(total);
+    assign(scopes, eliminate,
+           [&](Atom* a, int32_t) -> int32_t& { return map.emplace(a, -1).first->second; });
   }
 
   const std::vector<Atom*>& atoms() const { return atoms_; }
   int32_t eliminable() const { return eliminable_; }
+  // The scopes' atoms as indices, scope after scope.
+  const int32_t* scopeIndices() const { return ids_.data() + scopesStart_; }
 
  private:
-  void switchToMap() {
-    flat_ = false;
-    slot_ = std::vector<int32_t>();
-    map_.reserve(atoms_.size() * 2);
-    for (size_t i = 0; i < atoms_.size(); ++i)
-      map_.emplace(atoms_[i], int32_t(i));
+  // Replaces each id in ids_ by its atom's index; false when two atoms share
+  // a slot of `slotOf` (-1 marks a free slot).
+  template <class SlotOf>
+  bool assign(const std::vector<std::vector<Atom*>>& scopes, const std::vector<Atom*>& eliminate,
+              SlotOf slotOf) {
+    atoms_.clear();
+    size_t k = 0;
+    auto visit = [&](Atom* a) {
+      int32_t& slot = slotOf(a, ids_[k]);
+      if (slot < 0) {
+        slot = int32_t(atoms_.size());
+        atoms_.push_back(a);
+      } else if (atoms_[slot] != a) {
+        return false;
+      }
+      ids_[k++] = slot;
+      return true;
+    };
+    // A failed attempt leaves ids_ half rewritten; the map ignores them.
+    bool ok = true;
+    for (size_t i = 0; ok && i < eliminate.size(); ++i)
+      ok = visit(eliminate[i]);
+    eliminable_ = int32_t(atoms_.size());
+    scopesStart_ = eliminate.size();
+    for (size_t i = 0; ok && i < scopes.size(); ++i)
+      for (size_t j = 0; ok && j < scopes[i].size(); ++j)
+        ok = visit(scopes[i][j]);
+    return ok;
   }
 
-  bool flat_ = false;
-  int64_t lo_ = 0;
-  std::vector<int32_t> slot_;
-  std::unordered_map<const Atom*, int32_t> map_;
+  std::vector<int32_t> ids_;
+  size_t scopesStart_ = 0;
   std::vector<Atom*> atoms_;
   int32_t eliminable_ = 0;
 };
@@ -211,17 +212,22 @@ class Graph {
     tri_.assign(n, 0);
     dead_.assign(n, 0);
     weight_.resize(n);
-    for (size_t i = 0; i < n; ++i)
-      weight_[i] = logWeight(index.atoms()[i]->domainsize_);
+    uint32_t small[64] = {};  // domains below 64, computed once
+    for (uint32_t d = 2; d < 64; ++d)
+      small[d] = logWeight(d);
+    for (size_t i = 0; i < n; ++i) {
+      const uint32_t d = index.atoms()[i]->domainsize_;
+      weight_[i] = d < 64 ? small[d] : logWeight(d);
+    }
 
     // Every ordered pair of each scope, bucketed by its first vertex: one
     // pass counts, one fills.
     std::vector<int32_t> members;
     for (int pass = 0; pass < 2; ++pass) {
+      const int32_t* next = index.scopeIndices();
       for (const auto& s : scopes) {
-        members.clear();
-        for (Atom* a : s)
-          members.push_back(index[a]);
+        members.assign(next, next + s.size());
+        next += s.size();
         std::sort(members.begin(), members.end());
         members.erase(std::unique(members.begin(), members.end()), members.end());
         for (int32_t u : members) {
@@ -254,7 +260,7 @@ class Graph {
     for (size_t a = 0; a < n; ++a) {
       const int32_t* b = &pool_[off_[a]];
       for (uint32_t i = 0; i < len_[a]; ++i)
-        if (b[i] > int32_t(a))
+        if (b[i] > int32_t(a) && len_[a] > 1 && len_[b[i]] > 1)
           forCommon(int32_t(a), b[i], [&](int32_t x) { ++tri_[x]; });
     }
   }

@@ -19,11 +19,11 @@
 // Returns every atom of `eliminate` exactly once (a repeated atom keeps its
 // first position); the same input always gives the same order.
 //
-// Cost: an atom with more than 64 live neighbours is scored by the fill it
-// could add at most (all its neighbour pairs), not by its exact fill, so
-// hubs never cost degree^2 per rescoring; after each step only the
-// neighbours of the eliminated atom are rescored. Scopes become cliques of
-// the graph, so one scope of k atoms costs k^2 memory.
+// Cost: fills are exact and kept up to date in constant time per rescored
+// atom (from counts of the edges among each atom's neighbours), so hubs are
+// never scanned pairwise; eliminating an atom with d live neighbours costs
+// about d^2 plus the work to find the common neighbours of the edges it adds.
+// Scopes become cliques of the graph, so one scope of k atoms costs k^2 memory.
 std::vector<Atom*> greedyEliminationOrder(const std::vector<std::vector<Atom*>>& scopes,
                                           const std::vector<Atom*>& eliminate);
 
