@@ -33,6 +33,9 @@ table remembers which atoms are done. The theory is kept across queries.
 :- use_module(library(error)).
 :- use_module(library(option)).
 :- use_module(library(readutil)).
+:- use_module(library(assoc)).
+:- use_module(library(ordsets)).
+:- use_module(library(pairs)).
 
 :- meta_predicate
     prob(:, -),
@@ -42,21 +45,23 @@ table remembers which atoms are done. The theory is kept across queries.
     lpad_theory(:, -),
     lpad_ground(:, -).
 
-% lpad_clause(Module, Id, Heads, Body, Where): Heads = [Atom-Prob, ...]
-% without null atoms; Body = [pos(A) | neg(A) | call(G), ...]; Where names
-% the clause in messages.
+% lpad_clause(Id, Module, Heads, Body, Where): Id is unique over all modules;
+% Heads = [Atom-Prob, ...] without null atoms; Body = [pos(A) | neg(A) |
+% call(G), ...]; Where names the clause in messages.
 :- dynamic lpad_clause/5.
+% lpad_index(Key, Head, Id, Pos, Ground, Module): head atom Pos of clause Id
+% is Head; Key is one of the hashes of head_keys/3. Ground is true for a
+% clause without variables, which has a single grounding.
+:- dynamic lpad_index/6.
+:- dynamic lpad_key_count/3.        % Key, Count, Module: index entries of Key
 :- dynamic lpad_pending/4.          % Module, Heads, RawBody, Where: being read
 :- dynamic lpad_reading/2.          % Module, File
 :- dynamic lpad_read_error/1.       % Module: a clause of the block was refused
-:- dynamic lpad_prob_pred/3.        % Module, Name, Arity
+:- dynamic lpad_program/1.          % Module: it has a program
 :- dynamic lpad_object/2.           % Module, Theory
-:- dynamic lpad_fo_number/4.        % Module, ClauseId, TermCount, FoNumber
-:- dynamic lpad_counter/3.          % Module, Name, Value
-:- dynamic lpad_dirty/1.            % Module: rules added since the last compile
-:- dynamic lpad_guarded/4.          % Module, ClauseId, HeadTerms, BodyTerms
-:- dynamic lpad_known/2.            % Module, Atom: the theory has this atom
-:- dynamic lpad_fresh/1.            % Module: an atom is new since the last compile
+:- dynamic lpad_fo/4.               % ClauseId, TermCount, Module, FoNumber
+:- dynamic lpad_fo_next/2.          % Module, next free FoNumber
+:- dynamic lpad_done/2.             % ClauseId, Module: ground clause in the theory
 
 :- multifile prolog:message//1.
 :- multifile user:term_expansion/2.
@@ -245,7 +250,8 @@ probability(Expr, Where, P) :-
     ).
 
 check_probabilities(Heads, Where) :-
-    foldl([_-P, S0, S]>>(S is S0 + P), Heads, 0.0, Sum),
+    pairs_values(Heads, Ps),
+    sum_list(Ps, Sum),
     (   Sum > 1.0 + 1.0e-9
     ->  lpad_error(probabilities_above_one(Sum), Where)
     ;   true
@@ -262,38 +268,38 @@ lpad_error(Culprit, Where) :-
 
 % install_program(+Module, +Clauses): Clauses = [Heads-RawBody-Where, ...].
 % The probabilistic predicates are those that some head defines; any other
-% body goal is a call made while grounding.
+% body goal is a call made while grounding. Everything is checked before
+% the old program is dropped.
 install_program(M, Clauses) :-
-    findall(N/A, ( member(Hs-_-_, Clauses), member(H-_, Hs),
-                   functor(H, N, A) ), Preds0),
+    findall(N/A-true, ( member(Hs-_-_, Clauses), member(H-_, Hs),
+                        functor(H, N, A) ), Preds0),
     sort(Preds0, Preds),
-    foldl(classify_clause(Preds), Clauses, Classified, 1, _),
+    list_to_assoc(Preds, PredSet),
+    maplist(classify_clause(PredSet), Clauses, Classified),
     forget_program(M),
-    forall(member(N/A, Preds), assertz(lpad_prob_pred(M, N, A))),
-    retractall(lpad_clause(M, _, _, _, _)),
-    forall(member(lpad_clause(_, Id, Hs, B, W), Classified),
-           assertz(lpad_clause(M, Id, Hs, B, W))),
-    abolish_all_tables.
+    assertz(lpad_program(M)),
+    foldl(store_clause(M), Classified, Keys0, []),
+    msort(Keys0, Keys),
+    clumped(Keys, Counts),
+    forall(member(K-C, Counts), assertz(lpad_key_count(K, C, M))).
 
-classify_clause(Preds, Heads-Raw-Where, lpad_clause(_, Id, Heads, Body, Where), Id, Next) :-
-    Next is Id + 1,
-    body_literals(Raw, Preds, Where, Body).
+classify_clause(PredSet, Heads-Raw-Where, Heads-Body-Where) :-
+    body_literals(Raw, PredSet, Where, Body, []).
 
-body_literals(true, _, _, []) :- !.
-body_literals((A, B), Preds, Where, Body) :-
+body_literals(true, _, _, L, L) :- !.
+body_literals((A, B), Preds, Where, L0, L) :-
     !,
-    body_literals(A, Preds, Where, BA),
-    body_literals(B, Preds, Where, BB),
-    append(BA, BB, Body).
-body_literals(G, _, Where, _) :-
+    body_literals(A, Preds, Where, L0, L1),
+    body_literals(B, Preds, Where, L1, L).
+body_literals(G, _, Where, _, _) :-
     var(G),
     !,
     lpad_error(variable_goal, Where).
-body_literals(\+ G, Preds, Where, [Lit]) :-
+body_literals(\+ G, Preds, Where, [Lit | L], L) :-
     !,
     (   var(G) -> lpad_error(variable_goal, Where) ; true ),
     (   prob_goal(G, Preds) -> Lit = neg(G) ; Lit = call(\+ G) ).
-body_literals(G, Preds, Where, [Lit]) :-
+body_literals(G, Preds, Where, [Lit | L], L) :-
     (   prob_goal(G, Preds)
     ->  Lit = pos(G)
     ;   mentions_prob_goal(G, Preds)
@@ -304,7 +310,7 @@ body_literals(G, Preds, Where, [Lit]) :-
 prob_goal(G, Preds) :-
     callable(G),
     functor(G, N, A),
-    memberchk(N/A, Preds).
+    get_assoc(N/A, Preds, _).
 
 % Control constructs around program atoms would need worlds of their own.
 mentions_prob_goal(G, Preds) :-
@@ -313,21 +319,94 @@ mentions_prob_goal(G, Preds) :-
     G =.. [_ | Args],
     member(Arg, Args),
     nonvar(Arg),
-    (   prob_goal(Arg, Preds) -> true ; mentions_prob_goal(Arg, Preds) ).
+    (   prob_goal(Arg, Preds) -> true ; mentions_prob_goal(Arg, Preds) ),
+    !.
 
-% Drops the module's program and its theory object.
+% store_clause(+Module, +Clause, -Keys, ?Tail): asserts the clause under a
+% fresh id and its head atoms in the index; Keys are the index keys used.
+store_clause(M, Heads-Body-Where, Keys, Tail) :-
+    flag(cplogic_lpad_clause, Id, Id + 1),
+    assertz(lpad_clause(Id, M, Heads, Body, Where)),
+    (   ground(Heads-Body) -> Ground = true ; Ground = false ),
+    foldl(index_head(M, Id, Ground), Heads, 1-Keys, _-Tail).
+
+index_head(M, Id, Ground, H-_, Pos-Keys, Pos1-Tail) :-
+    Pos1 is Pos + 1,
+    head_keys(M, H, HKeys),
+    forall(member(K, HKeys), assertz(lpad_index(K, H, Id, Pos, Ground, M))),
+    append(HKeys, Tail, Keys).
+
+% head_keys(+Module, +Head, -Keys): the head is found under the key of its
+% predicate and, for every argument, under the argument's value (its name
+% and arity when compound; '$var' for a variable), so that a lookup can use
+% the most selective bound argument of the atom it grounds.
+head_keys(M, H, [PK | AKs]) :-
+    functor(H, N, Ar),
+    term_hash(k(M, N, Ar), PK),
+    H =.. [_ | Args],
+    foldl(arg_key(M, N, Ar), Args, AKs, 1, _).
+
+arg_key(M, N, Ar, Arg, K, I, I1) :-
+    I1 is I + 1,
+    arg_value_key(Arg, V),
+    term_hash(k(M, N, Ar, I, V), K).
+
+arg_value_key(Arg, V) :-
+    (   var(Arg) -> V = '$var'
+    ;   atomic(Arg) -> V = Arg
+    ;   functor(Arg, F, A), V = F/A
+    ).
+
+% Drops the module's program, its theory object and the library's tables of
+% it (the user's tables stay).
 forget_program(M) :-
-    retractall(lpad_prob_pred(M, _, _)),
+    retractall(lpad_program(M)),
+    retractall(lpad_clause(_, M, _, _, _)),
+    retractall(lpad_index(_, _, _, _, _, M)),
+    retractall(lpad_key_count(_, _, M)),
+    abolish_table_subgoals(cplogic_lpad:possible(M, _)),
     forget_theory(M).
 
 forget_theory(M) :-
     forall(retract(lpad_object(M, T)), catch(cplogic:pelm_free(T), _, true)),
-    retractall(lpad_fo_number(M, _, _, _)),
-    retractall(lpad_counter(M, _, _)),
-    retractall(lpad_dirty(M)),
-    retractall(lpad_guarded(M, _, _, _)),
-    retractall(lpad_known(M, _)),
-    retractall(lpad_fresh(M)).
+    retractall(lpad_fo(_, _, M, _)),
+    retractall(lpad_fo_next(M, _)),
+    retractall(lpad_done(_, M)).
+
+% clause_for_head(+Module, ?Atom, -Id, -Pos, -Ground): head atom Pos of
+% clause Id unifies with Atom (a hash collision is filtered by unifying).
+clause_for_head(M, A, Id, Pos, Ground) :-
+    lookup_keys(M, A, Keys),
+    member(K, Keys),
+    lpad_index(K, A, Id, Pos, Ground, M).
+
+lookup_keys(M, A, Keys) :-
+    functor(A, N, Ar),
+    A =.. [_ | Args],
+    foldl(bound_arg_keys(M, N, Ar), Args, 1-Cands, _-[]),
+    (   Cands == []
+    ->  term_hash(k(M, N, Ar), PK),
+        Keys = [PK]
+    ;   keysort(Cands, [_-Keys | _])
+    ).
+
+% An argument with a value offers its value's key and the variable key,
+% with the number of entries both hold.
+bound_arg_keys(M, N, Ar, Arg, I-Cands, I1-Tail) :-
+    I1 is I + 1,
+    (   var(Arg)
+    ->  Cands = Tail
+    ;   arg_value_key(Arg, V),
+        term_hash(k(M, N, Ar, I, V), K1),
+        term_hash(k(M, N, Ar, I, '$var'), K2),
+        key_count(K1, M, C1),
+        key_count(K2, M, C2),
+        C is C1 + C2,
+        Cands = [C-[K1, K2] | Tail]
+    ).
+
+key_count(K, M, C) :-
+    (   lpad_key_count(K, C0, M) -> C = C0 ; C = 0 ).
 
                  /*******************************
                  *           QUERIES            *
@@ -339,7 +418,8 @@ forget_theory(M) :-
 %
 %   Prob is the probability of the ground atom Query given Evidence, a list
 %   of ground atoms observed true and `\+ Atom` observed false. Options:
-%   method(cf|tables|cpts|cfme) and elimination(cst|absorption).
+%   method(cf|tables|cpts|cfme) and elimination(cst|absorption). Evidence
+%   of probability 0 raises contradictory_evidence(Evidence).
 prob(Q, P) :-
     prob(Q, [], P, []).
 
@@ -355,16 +435,16 @@ prob(M:Q, Evidence, P, Options) :-
     option(elimination(Elim), Options, cst),
     must_be(oneof([cf, tables, cpts, cfme]), Method),
     must_be(oneof([cst, absorption]), Elim),
-    with_mutex(cplogic_lpad,
-               query_program(PM, Q, EvAtoms, EvTerms, Method, Elim, P0)),
-    (   P0 =:= 0.0, EvTerms \== []
-    ->  check_evidence(PM, EvTerms, Method, Elim)
-    ;   true
-    ),
+    % the core names the evidence in its own terms; the error names it as
+    % the caller wrote it
+    catch(with_mutex(cplogic_lpad,
+                     query_program(PM, Q, EvAtoms, EvTerms, Method, Elim, P0)),
+          error(cplogic_error(contradictory_evidence(_), evidence), _),
+          throw(error(cplogic_error(contradictory_evidence(Evidence), evidence), _))),
     P = P0.
 
 program_module(M, M) :-
-    lpad_prob_pred(M, _, _),
+    lpad_program(M),
     !.
 program_module(M, _) :-
     throw(error(cplogic_error(no_program(M), M), _)).
@@ -384,35 +464,10 @@ evidence_literal(L, A, e(A, V)) :-
 
 query_program(M, Q, EvAtoms, EvTerms, Method, Elim, P) :-
     theory_object(M, T),
-    catch(ground_atoms(M, T, [Q | EvAtoms]), E,
-          ( forget_theory(M), throw(E) )),
-    refresh_compilation(M, T, [Q | EvAtoms]),
-    silent_query(T, Q, EvTerms, Method, Elim, P).
-
-% The module announces every evidence atom on the current output; prob/3
-% answers with a number alone.
-silent_query(T, Q, EvTerms, Method, Elim, P) :-
+    ground_program(M, T, [Q | EvAtoms]),
     cplogic:vorn_cp_theory_set_settings(T, 1, 0, Method, Elim, none),
-    with_output_to(string(_),
-                   cplogic:vorn_cp_theory_query_silent(T, Q, EvTerms, P)).
+    cplogic:cplogic_prob(T, Q, EvTerms, P).
 
-% P(evidence) = 0 shows as an all-zero answer; the chain rule tells it from
-% a query that is false given possible evidence.
-check_evidence(M, EvTerms, Method, Elim) :-
-    check_evidence(EvTerms, [], M, Method, Elim).
-
-check_evidence([], _, _, _, _).
-check_evidence([e(A, V) | Rest], Seen, M, Method, Elim) :-
-    with_mutex(cplogic_lpad,
-               ( theory_object(M, T),
-                 silent_query(T, A, Seen, Method, Elim, PA) )),
-    (   V =:= 1 -> PV = PA ; PV is 1 - PA ),
-    (   PV =< 1.0e-12
-    ->  findall(L, ( member(e(X, W), [e(A, V) | Seen]),
-                     ( W =:= 1 -> L = X ; L = (\+ X) ) ), Ls),
-        throw(error(cplogic_error(contradictory_evidence(Ls), evidence), _))
-    ;   check_evidence(Rest, [e(A, V) | Seen], M, Method, Elim)
-    ).
 
 %!  lpad_theory(:Dummy, -Theory) is det.
 %
@@ -432,9 +487,7 @@ lpad_ground(M:Atoms, T) :-
     maplist(check_query, Atoms),
     with_mutex(cplogic_lpad,
                ( theory_object(PM, T),
-                 catch(ground_atoms(PM, T, Atoms), E,
-                       ( forget_theory(PM), throw(E) )),
-                 refresh_compilation(PM, T, Atoms) )).
+                 ground_program(PM, T, Atoms) )).
 
 theory_object(M, T) :-
     lpad_object(M, T),
@@ -443,69 +496,64 @@ theory_object(M, T) :-
     cplogic:pelm_new(vorn_cp_theory, T),
     assertz(lpad_object(M, T)).
 
-% A rule added after a compile enters the theory's compiled form only when
-% the theory registers a new atom: when the new rules and the query bring
-% none, give it one.
-refresh_compilation(M, T, QueryAtoms) :-
-    note_atoms(M, QueryAtoms),
-    (   retract(lpad_dirty(M)), \+ lpad_fresh(M)
-    ->  next_counter(M, tick, N),
-        cplogic:vorn_cp_theory_add_event(T, e([h(lpad_refresh_(N), 0.0)], []))
-    ;   true
-    ),
-    retractall(lpad_fresh(M)).
-
-note_atoms(M, Atoms) :-
-    forall(( member(A, Atoms), \+ lpad_known(M, A) ),
-           ( assertz(lpad_known(M, A)),
-             ( lpad_fresh(M) -> true ; assertz(lpad_fresh(M)) ) )).
-
                  /*******************************
                  *           GROUNDING          *
                  *******************************/
 
-ground_atoms(M, T, Atoms) :-
-    forall(member(A, Atoms), ground_atom(M, T, A)).
+% ground_program(+Module, +Theory, +Atoms): adds the ground rules that Atoms
+% need. On an error the theory is dropped: it may hold part of a grounding.
+ground_program(M, T, Atoms) :-
+    catch(walk([frame(root, Atoms)], M, T), E,
+          ( forget_theory(M), throw(E) )).
 
-% The theory's atom table marks an atom 1 while its clauses are expanded and
-% 2 when done: meeting a 1 again means a cycle through the rules.
-ground_atom(M, T, A) :-
-    cplogic:vorn_cp_theory_atom_in_table(T, A, Status),
-    (   Status =:= 2
-    ->  true
-    ;   Status =:= 1
-    ->  throw(error(cplogic_error(cycle(A), A), _))
-    ;   forall(clause_for_head(M, A, Id, Heads, Body, Where),
-               ground_clause(M, T, Id, Heads, Body, Where)),
-        cplogic:vorn_cp_theory_atom_table_success(T, A)
+% A depth-first walk over the ground atoms with an explicit stack, so that
+% the depth of the program costs no Prolog recursion. The theory's atom
+% table marks an atom 1 from its expansion until all it depends on is done,
+% then 2: meeting a 1 is meeting an atom on the current path, a cycle.
+walk([], _, _).
+walk([frame(A, Children) | Stack], M, T) :-
+    (   Children = [C | Cs]
+    ->  cplogic:vorn_cp_theory_atom_in_table(T, C, Status),
+        (   Status =:= 2
+        ->  walk([frame(A, Cs) | Stack], M, T)
+        ;   Status =:= 0
+        ->  expand_atom(M, T, C, Next),
+            walk([frame(C, Next), frame(A, Cs) | Stack], M, T)
+        ;   throw(error(cplogic_error(cycle(C), C), _))
+        )
+    ;   (   Stack == []
+        ->  true
+        ;   cplogic:vorn_cp_theory_atom_table_success(T, A),
+            walk(Stack, M, T)
+        )
     ).
 
-clause_for_head(M, A, Id, Heads, Body, Where) :-
-    lpad_clause(M, Id, Heads, Body, Where),
-    member(A-_, Heads).
+% expand_atom(+M, +T, +Atom, -BodyAtoms): adds every ground rule with Atom
+% in its head; BodyAtoms are the atoms of their bodies.
+expand_atom(M, T, A, BodyAtoms) :-
+    findall(B, ( rule_for_atom(M, T, A, Lits),
+                 member(L, Lits),
+                 arg(1, L, B) ),
+            BodyAtoms).
 
-% Every way the body can hold gives one grounding; its atoms are grounded in
-% turn.
-ground_clause(M, T, Id, Heads, Body, Where) :-
-    forall(solve_body(Body, M, Where, Lits),
-           add_grounding(M, T, Id, Heads, Lits, Where)).
-
-solve_body([], _, _, []).
-solve_body([L | Ls], M, Where, Lits) :-
-    solve_literal(L, M, Where, Lits, Tail),
-    solve_body(Ls, M, Where, Tail).
-
-solve_literal(pos(A), M, _, [pos(A) | T], T) :-
-    possible(M, A).
-solve_literal(neg(A), _, Where, [neg(A) | T], T) :-
-    (   ground(A)
-    ->  true
-    ;   throw(error(cplogic_error(nonground_negation(\+ A), Where), _))
+rule_for_atom(M, T, A, Lits) :-
+    clause_for_head(M, A, Id, Pos, Ground),
+    (   Ground == true
+    ->  \+ lpad_done(Id, M),
+        lpad_clause(Id, M, Heads, Body, Where),
+        assertz(lpad_done(Id, M)),
+        % every solution of a ground body gives the same rule
+        once(ground_rule(M, T, Id, Heads, Body, Where, event, Lits))
+    ;   lpad_clause(Id, M, Heads, Body, Where),
+        nth1(Pos, Heads, A-_),
+        ground_rule(M, T, Id, Heads, Body, Where, grounding, Lits)
     ).
-solve_literal(call(G), M, _, T, T) :-
-    call_goal(M, G).
 
-add_grounding(M, T, Id, Heads0, Lits0, Where) :-
+% Every way the body can hold gives one ground rule. Groundings of a clause
+% with variables go to the theory as groundings of one first-order event,
+% under which it keeps substitutions that give the same rule once.
+ground_rule(M, T, Id, Heads0, Body, Where, How, Lits) :-
+    solve_body(Body, M, Where, Lits0),
     (   ground(Heads0)
     ->  true
     ;   throw(error(cplogic_error(nonground_head(Heads0), Where), _))
@@ -514,83 +562,80 @@ add_grounding(M, T, Id, Heads0, Lits0, Where) :-
     ->  true
     ;   throw(error(cplogic_error(nonground_body(Lits0), Where), _))
     ),
-    merge_heads(Heads0, Heads),
-    % A body is a set of literals: substitutions that give the same set give
-    % the same grounding, which the theory then takes once.
     sort(Lits0, Lits),
-    (   member(pos(A), Lits), memberchk(neg(A), Lits)
-    ->  true                            % the body can never hold
-    ;   add_ground_rule(M, T, Id, Heads, Lits),
-        forall(( member(L, Lits), arg(1, L, B) ), ground_atom(M, T, B))
-    ).
-
-% Equal atoms in one head pool their probabilities.
-merge_heads(Heads0, Heads) :-
-    foldl(merge_head, Heads0, [], Heads).
-
-merge_head(A-P, Acc0, Acc) :-
-    (   append(Pre, [A-Q | Post], Acc0)
-    ->  S is P + Q,
-        append(Pre, [A-S | Post], Acc)
-    ;   append(Acc0, [A-P], Acc)
-    ).
-
-% A rule with a negated literal gets its own event: a fresh first head atom
-% keeps it from joining the events of other rules, and a companion rule of
-% probability 0, exclusive with it through an atom that nothing causes, makes
-% the event hold two rules. Both are exact: the fresh atoms never hold.
-add_ground_rule(M, T, Id, Heads, Lits) :-
+    consistent_body(Lits),
+    merge_heads(Heads0, Heads),
     maplist(head_term, Heads, HTerms),
     maplist(body_term, Lits, BTerms),
-    (   memberchk(neg(_), Lits)
-    ->  (   lpad_guarded(M, Id, HTerms, BTerms)
-        ->  true                        % met before through another head atom
-        ;   assertz(lpad_guarded(M, Id, HTerms, BTerms)),
-            add_guarded_rule(M, T, Id, HTerms, BTerms)
-        )
-    ;   add_ground_event(M, T, Id, HTerms, BTerms)
+    (   How == event
+    ->  cplogic:vorn_cp_theory_add_event(T, event(HTerms, BTerms))
+    ;   length(HTerms, NH),
+        length(BTerms, NB),
+        Count is NH + NB,
+        fo_number(M, T, Id, Count, Fo),
+        cplogic:vorn_cp_theory_add_ground_event(T, ground(Fo, HTerms, BTerms))
     ).
 
-add_guarded_rule(M, T, Id, HTerms, BTerms) :-
-    next_counter(M, rule, K),
-    Own = lpad_rule_(K),
-    Off = lpad_off_(K),
-    maplist([h(A, _), h(A, 0.0)]>>true, HTerms, ZTerms),
-    append(BTerms, [\+ Off], Guarded),
-    add_ground_event(M, T, Id-guarded, [h(Own, 0.0) | HTerms], Guarded),
-    add_ground_event(M, T, Id-companion, [h(Own, 0.0) | ZTerms], [Off]).
+solve_body([], _, _, []).
+solve_body([L | Ls], M, Where, Lits) :-
+    solve_literal(L, M, Where, Lits, Tail),
+    solve_body(Ls, M, Where, Tail).
+
+% A ground positive literal needs no proof: an atom that nothing causes is
+% false in the theory. One with variables is enumerated over the atoms that
+% can hold.
+solve_literal(pos(A), M, _, [pos(A) | T], T) :-
+    (   ground(A) -> true ; possible(M, A) ).
+solve_literal(neg(A), _, Where, [neg(A) | T], T) :-
+    (   ground(A)
+    ->  true
+    ;   throw(error(cplogic_error(nonground_negation(\+ A), Where), _))
+    ).
+solve_literal(call(G), M, _, T, T) :-
+    call_goal(M, G).
+
+% A sorted body: neg(_) literals first, then pos(_), each block sorted by
+% atom. A body with A and \+A never holds.
+consistent_body(Lits) :-
+    neg_pos(Lits, Negs, Poss),
+    ord_disjoint(Negs, Poss).
+
+neg_pos([neg(A) | Ls], [A | Ns], Ps) :- !, neg_pos(Ls, Ns, Ps).
+neg_pos(Ls, [], Ps) :- maplist(arg(1), Ls, Ps).
+
+% Equal atoms in one head pool their probabilities; the head is sorted, so
+% substitutions that give the same atoms in another order give one rule.
+merge_heads(Heads0, Heads) :-
+    msort(Heads0, Sorted),
+    pool_heads(Sorted, Heads).
+
+pool_heads([], []).
+pool_heads([A-P | Rest], Heads) :-
+    pool_heads(Rest, A, P, Heads).
+
+pool_heads([], A, P, [A-P]).
+pool_heads([B-Q | Rest], A, P, Heads) :-
+    (   B == A
+    ->  S is P + Q,
+        pool_heads(Rest, A, S, Heads)
+    ;   Heads = [A-P | Heads1],
+        pool_heads(Rest, B, Q, Heads1)
+    ).
 
 head_term(A-P, h(A, P)).
-
-literal_atom(\+ A, A) :- !.
-literal_atom(A, A).
 
 body_term(pos(A), A).
 body_term(neg(A), \+ A).
 
-add_ground_event(M, T, Key, HTerms, BTerms) :-
-    length(HTerms, NH),
-    length(BTerms, NB),
-    Count is NH + NB,
-    fo_number(M, T, Key, Count, Fo),
-    cplogic:vorn_cp_theory_add_ground_event(T, g(Fo, HTerms, BTerms)),
-    findall(A, ( member(h(A, _), HTerms) ; member(L, BTerms), literal_atom(L, A) ), Atoms),
-    note_atoms(M, Atoms),
-    (   lpad_dirty(M) -> true ; assertz(lpad_dirty(M)) ).
-
-% Groundings of one clause with the same number of terms share a first-order
-% event number, under which the theory drops repeated groundings.
-fo_number(M, _, Key, Count, Fo) :-
-    lpad_fo_number(M, Key, Count, Fo),
+fo_number(M, _, Id, Count, Fo) :-
+    lpad_fo(Id, Count, M, Fo),
     !.
-fo_number(M, T, Key, Count, Fo) :-
-    next_counter(M, fo, Fo),
-    assertz(lpad_fo_number(M, Key, Count, Fo)),
+fo_number(M, T, Id, Count, Fo) :-
+    (   retract(lpad_fo_next(M, Fo)) -> true ; Fo = 0 ),
+    Next is Fo + 1,
+    assertz(lpad_fo_next(M, Next)),
+    assertz(lpad_fo(Id, Count, M, Fo)),
     cplogic:vorn_cp_theory_add_fo_event(T, Fo, Count).
-
-next_counter(M, Name, N) :-
-    (   retract(lpad_counter(M, Name, N0)) -> N is N0 + 1 ; N = 0 ),
-    assertz(lpad_counter(M, Name, N)).
 
 %   possible(+Module, ?Atom): Atom has a derivation when negated literals
 %   are ignored, so it is true in some world. Tabled, so that recursive
@@ -598,8 +643,9 @@ next_counter(M, Name, N) :-
 :- table possible/2.
 
 possible(M, A) :-
-    lpad_clause(M, _, Heads, Body, _),
-    member(A-P, Heads),
+    clause_for_head(M, A, Id, Pos, _),
+    lpad_clause(Id, M, Heads, Body, _),
+    nth1(Pos, Heads, A-P),
     P > 0.0,
     possible_body(Body, M).
 
