@@ -112,7 +112,7 @@ run(Argv) :-
     Options = [method(Method), elimination(Elim)],
     forall(member(Q, QTerms), answer(Q, Evidence, Options)),
     QTerms = [First | _],
-    forall(member(Out, Outputs), write_output(Out, First)).
+    forall(member(Out, Outputs), output_file(Out, First)).
 
 parse_args(Argv, Opts) :-
     parse_args(Argv, [], [], [], cf, cst, [], Opts).
@@ -241,10 +241,20 @@ format_evidence(Evidence, Text) :-
     maplist([L, S]>>format(string(S), "~q", [L]), Evidence, Strings),
     atomic_list_concat(Strings, ', ', Text).
 
+% A file that cannot be opened is named in one line.
+output_file(Out, Query) :-
+    arg(1, Out, File),
+    catch(write_output(Out, Query), error(E, _), cannot_write(E, File)).
+
+cannot_write(E, File) :-
+    (   ( E = existence_error(source_sink, _) ; E = permission_error(_, _, _) )
+    ->  throw(program(format("cannot write ~w", [File])))
+    ;   throw(error(E, _))
+    ).
+
 write_output(dot(File), _) :-
     theory(T),
-    cplogic:vorn_cp_theory_print_graphviz(T, File),
-    check_written(File).
+    cplogic:vorn_cp_theory_print_graphviz(T, File).
 write_output(png(File), _) :-
     theory(T),
     tmp_file(cplogic, Dot),
@@ -262,18 +272,10 @@ write_output(png(File), _) :-
     ).
 write_output(save(File), _) :-
     theory(T),
-    cplogic:vorn_cp_theory_save(T, File),
-    check_written(File).
+    cplogic:vorn_cp_theory_save(T, File).
 write_output(hugin(File), Query) :-
     theory(T),
-    cplogic:cplogic_hugin_net(T, Query, File),
-    check_written(File).
+    cplogic:cplogic_hugin_net(T, Query, File).
 
 theory(T) :-
     lpad_theory(cli_program:_, T).
-
-% The theory's writers do not report a file they cannot open.
-check_written(File) :-
-    (   exists_file(File) -> true
-    ;   throw(program(format("cannot write ~w", [File])))
-    ).

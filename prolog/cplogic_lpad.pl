@@ -704,7 +704,9 @@ culprit(bad_query(Q)) --> [ 'query ~q is not a ground atom'-[Q] ].
 culprit(bad_evidence(E)) -->
     [ 'evidence ~q is not a ground atom or \\+ of one'-[E] ].
 culprit(contradictory_evidence(Ls)) -->
-    [ 'the evidence ~q is contradictory: its probability is 0'-[Ls] ].
+    { maplist([L, S]>>format(string(S), "~q", [L]), Ls, Ss),
+      atomic_list_concat(Ss, ', ', Text) },
+    [ 'the evidence ~w is contradictory: its probability is 0'-[Text] ].
 culprit(cycle(A)) -->
     [ 'the ground program has a cycle through its rules at ~q'-[A] ].
 culprit(no_program(M)) -->
