@@ -108,6 +108,13 @@ std::ostream& operator<<(std::ostream& os, const Atom& atom);
 // An assignment of values to atoms (evidence, observations, contexts).
 typedef std::map<Atom*, int, Atom::CmpId> AtomBody;
 
+// The most values a domain can have: domains are bit sets of 32 bits.
+constexpr unsigned kMaxDomainSize = 32;
+// The bit set of all values 0 .. domainsize - 1. REQUIRES: domainsize <= 32.
+inline uint32_t fullDomainMask(unsigned domainsize) {
+  return domainsize >= kMaxDomainSize ? ~0u : (1u << domainsize) - 1u;
+}
+
 struct AtomBodyOps {
   static std::string str(const AtomBody& body);
 };

@@ -1,6 +1,7 @@
 #include "completeconfactorset.h"
 
 #include <algorithm>
+#include <bitset>
 #include <cassert>
 
 #include "atom.h"
@@ -10,10 +11,6 @@
 // message reads the same whatever NULL expands to.
 
 namespace {
-
-unsigned int fullSet(const Atom* atom) {
-  return (1u << atom->domainsize_) - 1u;
-}
 
 // Leaves still in the tree were never extracted; nobody else holds them.
 void deleteLeaves(CCFSNB* node) {
@@ -100,7 +97,7 @@ void CompleteConfactorSet::addConfactorToSubtree(
   if (branch != NULL && branch->atom_->weight_ == atom->weight_) {
     if (branch->atom_ != atom)
       assert(false);
-    const unsigned int full = fullSet(atom);
+    const unsigned int full = fullDomainMask(atom->domainsize_);
     // Children split off below are complete already; only the old ones are visited.
     const size_t count = branch->children_.size();
     for (size_t k = 0; k < count; ++k) {
@@ -139,7 +136,7 @@ void CompleteConfactorSet::addConfactorToSubtree(
   node->node_ = new CompleteConfactorSetNode();
   node->node_->atom_ = atom;
   node->node_->addChild(entry->domain_, below);
-  const unsigned int rest = fullSet(atom) & ~entry->domain_;
+  const unsigned int rest = fullDomainMask(atom->domainsize_) & ~entry->domain_;
   node->node_->addChild(rest, copySubtree(below, atom, entry->domain_, rest));
   addConfactorToSubtree(below, confactor, pos - 1, order);
 }
@@ -174,6 +171,27 @@ void CompleteConfactorSet::multiplyValues(CCFSNB* node, Confactor* confactor) {
   node->leaf_ = product;
 }
 
+Confactor* CompleteConfactorSet::summedLeaf(CCFSNB* position, unsigned int values, Atom* atom) {
+  assert(position->node_ == NULL);
+  const unsigned int count = std::bitset<32>(values & fullDomainMask(atom->domainsize_)).count();
+  if (count == 0) {
+    delete position->leaf_;
+    position->leaf_ = NULL;
+    return nullptr;
+  }
+  // No confactor holds in this region: the product there is 1 for each value.
+  Confactor* leaf = position->leaf_ != NULL ? position->leaf_ : new Confactor(1.0);
+  position->leaf_ = NULL;
+  if (leaf->atoms_.find(atom) == leaf->atoms_.end()) {
+    // A leaf that does not mention the atom holds alike for each value of the region.
+    for (double& v : leaf->values_)
+      v *= count;
+  } else {
+    leaf->sumoutAtom(atom, false);
+  }
+  return leaf;
+}
+
 void CompleteConfactorSet::sumout(Atom* atom) {
   sumout(root_, atom);
 }
@@ -188,23 +206,25 @@ void CompleteConfactorSet::sumout(CCFSNB* node, Atom* atom) {
   if (branch != NULL) {
     // The summed atom is the deepest level: every child is a leaf position,
     // and adding the children's leaves completes the sum over its values.
-    auto it = branch->children_.begin();
-    Confactor* new_confac = it->second->leaf_;
-    assert(new_confac != __null);
-    new_confac->sumoutAtom(atom, false);
-    for (++it; it != branch->children_.end(); ++it) {
-      assert(it->second->leaf_ != __null);
-      it->second->leaf_->sumoutAtom(atom, false);
-      Confactor* sum = new Confactor(new_confac, it->second->leaf_, NULL, 1, -1);
-      delete new_confac;
-      delete it->second->leaf_;
-      delete it->second;
-      it->second = NULL;
-      new_confac = sum;
+    Confactor* sum = nullptr;
+    for (auto& child : branch->children_) {
+      Confactor* part = summedLeaf(child.second, child.first, atom);
+      delete child.second;
+      child.second = nullptr;
+      if (part == nullptr)
+        continue;
+      if (sum == nullptr) {
+        sum = part;
+        continue;
+      }
+      Confactor* both = new Confactor(sum, part, NULL, 1, -1);
+      delete sum;
+      delete part;
+      sum = both;
     }
     delete branch;
     node->node_ = NULL;
-    node->leaf_ = new_confac;
+    node->leaf_ = sum != nullptr ? sum : new Confactor(0.0);
     return;
   }
   assert(node->leaf_ != __null);

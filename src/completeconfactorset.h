@@ -94,6 +94,11 @@ class CompleteConfactorSet {
   // are added into one leaf. Leaves that become all ones are dropped.
   void sumout(Atom* atom);
   void sumout(CCFSNB* node, Atom* atom);
+  // The leaf of a child (value set values of atom) summed over those values:
+  // a region without a leaf is a product of no confactor, 1 for each value.
+  // Null for an empty value set. Takes the leaf out of the position; the
+  // caller owns the result.
+  Confactor* summedLeaf(CCFSNB* position, unsigned int values, Atom* atom);
 
   // Appends the leaves to *out, each with its path added as context entries,
   // and takes them out of the tree. The caller owns the appended confactors;

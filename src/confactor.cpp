@@ -10,10 +10,6 @@
 
 namespace {
 
-uint32_t maskFor(uint32_t domainsize) {
-  return domainsize >= 32 ? ~0u : (1u << domainsize) - 1;
-}
-
 uint32_t countBits(uint32_t domain, uint32_t domainsize) {
   uint32_t count = 0;
   for (uint32_t v = 0; v < domainsize && v < 32; ++v) {
@@ -64,7 +60,7 @@ AtomDomStruct::AtomDomStruct() : atom_(nullptr), domain_(0), count_(0), flags_(0
 
 AtomDomStruct::AtomDomStruct(Atom* atom, unsigned flags)
     : atom_(atom),
-      domain_(maskFor(atom->domainsize_)),
+      domain_(fullDomainMask(atom->domainsize_)),
       count_(atom->domainsize_),
       flags_(flags),
       block_(1) {}
@@ -111,11 +107,11 @@ bool AtomDomStruct::sameDomain(const AtomDomStruct& other) const {
 }
 
 uint32_t AtomDomStruct::fullMask() const {
-  return maskFor(atom_->domainsize_);
+  return fullDomainMask(atom_->domainsize_);
 }
 
 unsigned AtomDomStruct::position(unsigned value) const {
-  return countBits(domain_ & maskFor(value), 32);
+  return countBits(domain_ & fullDomainMask(value), 32);
 }
 
 bool AtomDomStruct::hasValue(unsigned value) const {
@@ -731,7 +727,7 @@ void Confactor::orderAtoms() {
 
 std::pair<ConfactorAtoms::iterator, bool> Confactor::addAtom(Atom* atom, unsigned flags, int domain,
                                                              int fill, int initValue) {
-  const uint32_t dom = domain == -1 ? maskFor(atom->domainsize_) : static_cast<uint32_t>(domain);
+  const uint32_t dom = domain == -1 ? fullDomainMask(atom->domainsize_) : static_cast<uint32_t>(domain);
   if (!(flags & ADS_TABLE)) {
     AtomDomStruct* entry = new AtomDomStruct(atom, static_cast<int>(dom), flags);
     auto result = atoms_.insert(entry);

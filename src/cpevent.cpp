@@ -7,15 +7,9 @@
 
 #include "confactor.h"
 #include "cptheory.h"
+#include "cve.h"
 
 int32_t CPEvent::next_unique_id_ = 0;
-
-namespace {
-
-// Probabilities this close to zero are rounding residue of a head that sums to 1.
-const double kNoChoiceEpsilon = 1e-7;
-
-}  // namespace
 
 // ---------------------------------------------------------------------------
 // Helpers shared with the theory.
@@ -39,6 +33,45 @@ Confactor* completeTable(std::vector<Atom*> atoms, std::vector<Atom*> forAtoms,
       v = 0;
     }
     if (i == atoms.size())
+      break;
+  }
+  return table;
+}
+
+Confactor* tableGiven(const std::vector<Atom*>& atoms, Atom* forAtom, const AtomBody* evidence,
+                      const std::function<double(const AtomBody&)>& value) {
+  AtomBody assignment;
+  std::vector<Atom*> free;
+  for (Atom* atom : atoms) {
+    auto observed = evidence != nullptr ? evidence->find(atom) : AtomBody::const_iterator();
+    if (evidence != nullptr && observed != evidence->end()) {
+      assignment[atom] = observed->second;
+    } else {
+      assignment[atom] = 0;
+      free.push_back(atom);
+    }
+  }
+  if (free.empty())
+    return new Confactor(value(assignment));
+  Confactor* table = new Confactor(free, nullptr, 0.0);
+  if (forAtom != nullptr && table->atoms_.find(forAtom) != table->atoms_.end())
+    (*table->atoms_.find(forAtom))->setForAtom(true);
+  AtomBody slot;
+  for (Atom* atom : free)
+    slot[atom] = 0;
+  while (true) {
+    table->setValue(slot, value(assignment));
+    size_t i = 0;
+    for (; i < free.size(); ++i) {
+      int& v = slot[free[i]];
+      ++v;
+      assignment[free[i]] = v;
+      if (v < static_cast<int>(free[i]->domainsize_))
+        break;
+      v = 0;
+      assignment[free[i]] = 0;
+    }
+    if (i == free.size())
       break;
   }
   return table;
@@ -155,11 +188,12 @@ bool CPEvent::excludesHeldBodies(const std::vector<AtomValuePair<int>>& sorted) 
 bool CPEvent::addParsedEvent(AtomDoubles& head, std::vector<AtomValuePair<int>>& body,
                              bool direct) {
   if (!head_atoms_.empty()) {
-    // Only the stored head is compared: a longer head that starts with it joins.
-    if (head.size() < head_atoms_.size())
+    // Rules share an event only with exactly the same head atoms: any other
+    // rule is an independent cause.
+    if (head.size() != head_atoms_.size())
       return false;
     for (size_t i = 0; i < head_atoms_.size(); ++i) {
-      if (head[i].atom_->id_ != head_atoms_[i]->id_)
+      if (head[i].atom_ != head_atoms_[i])
         return false;
     }
   }
@@ -203,6 +237,13 @@ void CPEvent::addEdges(const std::vector<AtomValuePair<int>>& body, bool first, 
 }
 
 void CPEvent::compileParsedEvents() {
+  // Rules put in directly are not held: their tree is all there is.
+  if (parsed_events_.empty())
+    return;
+  // Built anew, so that a rule added after an earlier compile takes part.
+  delete body_tree_;
+  body_tree_ = nullptr;
+  tree_depth_ = 0;
   std::vector<size_t> order(parsed_events_.size());
   for (size_t i = 0; i < order.size(); ++i)
     order[i] = i;
@@ -213,65 +254,100 @@ void CPEvent::compileParsedEvents() {
     addEventToTree(parsed_events_[i].head_, parsed_events_[i].body_);
 }
 
-int CPEvent::addEventToTree(AtomDoubles& head, std::vector<AtomValuePair<int>>& body) {
-  std::vector<AtomValuePair<int>> rest(body);
-  std::sort(rest.begin(), rest.end(), AtomValuePair<int>::CmpId());
-  int steps = 0;
-  CPBodyAtom* node = nullptr;
-  if (body_tree_ == nullptr) {
-    body_tree_ = new CPBodyAtom(nullptr);
-    node = body_tree_;
-  } else {
-    node = body_tree_;
-    while (true) {
-      if (node->atom_ == nullptr)
-        return 0;  // the path ends in an existing leaf
-      Atom* tested = node->atom_;
-      auto it = std::lower_bound(
-          rest.begin(), rest.end(), tested,
-          [](const AtomValuePair<int>& l, const Atom* a) { return l.atom_->id_ < a->id_; });
-      if (it == rest.end() || it->atom_ != tested)
-        return 0;  // the node tests an atom this rule does not mention
-      size_t value = static_cast<size_t>(it->value_);
-      rest.erase(it);
-      ++steps;
-      CPBodyAtom* child = value < node->children_.size() ? node->children_[value] : nullptr;
-      if (child == nullptr) {
-        if (node->children_.size() <= value)
-          node->children_.resize(value + 1, nullptr);
-        child = new CPBodyAtom(node);
-        node->children_[value] = child;
-        node = child;
-        break;
-      }
-      node = child;
-    }
-  }
-
-  std::sort(rest.begin(), rest.end(), AtomValuePair<int>::CmpWithCnt(&literal_counts_));
-  for (const auto& literal : rest) {
-    size_t value = static_cast<size_t>(literal.value_);
-    node->atom_ = literal.atom_;
-    if (node->children_.size() <= value)
-      node->children_.resize(value + 1, nullptr);
-    CPBodyAtom* child = new CPBodyAtom(node);
-    node->children_[value] = child;
-    ++steps;
-    node = child;
-  }
-  if (steps > tree_depth_)
-    tree_depth_ = steps;
-
-  auto* probabilities = new std::vector<double>(head.size() + 1, 0.0);
+std::vector<double> CPEvent::leafProbabilities(const AtomDoubles& head) {
+  std::vector<double> probabilities(head.size() + 1, 0.0);
   double sum = 0.0;
   for (size_t i = 0; i < head.size(); ++i) {
-    (*probabilities)[i + 1] = head[i].value_;
+    probabilities[i + 1] = head[i].value_;
     sum += head[i].value_;
   }
-  double none = 1.0 - sum;
-  (*probabilities)[0] = none < kNoChoiceEpsilon ? 0.0 : none;
-  node->probabilities_ = probabilities;
-  return 1;
+  // A head may sum to a hair above 1; nothing is left for "none" then.
+  probabilities[0] = sum < 1.0 ? 1.0 - sum : 0.0;
+  return probabilities;
+}
+
+int CPEvent::addEventToTree(AtomDoubles& head, std::vector<AtomValuePair<int>>& body) {
+  std::vector<AtomValuePair<int>> sorted(body);
+  std::sort(sorted.begin(), sorted.end(), AtomValuePair<int>::CmpId());
+  const std::vector<double> probabilities = leafProbabilities(head);
+  if (body_tree_ == nullptr)
+    body_tree_ = new CPBodyAtom(nullptr);
+
+  // Every path the body is consistent with gets the rule: a node testing an
+  // atom the body does not mention passes the rule to all its values. The
+  // walk keeps its own stack, since bodies can be very long.
+  struct Step {
+    CPBodyAtom* node;
+    std::vector<AtomValuePair<int>> rest;  // literals not tested yet, by atom id
+    int depth;
+  };
+  std::vector<Step> work;
+  work.push_back(Step{body_tree_, sorted, 0});
+  int placed = 0;
+  while (!work.empty()) {
+    Step step = std::move(work.back());
+    work.pop_back();
+    CPBodyAtom* node = step.node;
+    if (node->atom_ != nullptr) {
+      Atom* tested = node->atom_;
+      auto it = std::lower_bound(
+          step.rest.begin(), step.rest.end(), tested,
+          [](const AtomValuePair<int>& l, const Atom* a) { return l.atom_->id_ < a->id_; });
+      const bool mentioned = it != step.rest.end() && it->atom_ == tested;
+      size_t first = 0, last = tested->domainsize_;
+      if (mentioned) {
+        first = static_cast<size_t>(it->value_);
+        last = first + 1;
+        step.rest.erase(it);
+      }
+      if (node->children_.size() < last)
+        node->children_.resize(last, nullptr);
+      for (size_t v = first; v < last; ++v) {
+        if (node->children_[v] == nullptr)
+          node->children_[v] = new CPBodyAtom(node);
+        work.push_back(Step{node->children_[v], step.rest, step.depth + 1});
+      }
+      continue;
+    }
+    if (node->probabilities_ != nullptr) {
+      if (step.rest.empty())
+        continue;  // the region is another rule's: the bodies overlap
+      // An earlier rule's leaf that this body narrows: the leaf becomes a
+      // test of one more atom, each value keeping the earlier probabilities.
+      const AtomValuePair<int> literal = step.rest.front();
+      std::vector<double>* earlier = node->probabilities_;
+      node->probabilities_ = nullptr;
+      node->atom_ = literal.atom_;
+      node->children_.assign(literal.atom_->domainsize_, nullptr);
+      for (size_t v = 0; v < node->children_.size(); ++v) {
+        node->children_[v] = new CPBodyAtom(node);
+        if (static_cast<int>(v) != literal.value_)
+          node->children_[v]->probabilities_ = new std::vector<double>(*earlier);
+      }
+      delete earlier;
+      work.push_back(Step{node, step.rest, step.depth});
+      continue;
+    }
+    // A fresh node: the remaining literals become a path, the most shared first.
+    std::sort(step.rest.begin(), step.rest.end(),
+              AtomValuePair<int>::CmpWithCnt(&literal_counts_));
+    int depth = step.depth;
+    for (const auto& literal : step.rest) {
+      size_t value = static_cast<size_t>(literal.value_);
+      node->atom_ = literal.atom_;
+      if (node->children_.size() <= value)
+        node->children_.resize(value + 1, nullptr);
+      CPBodyAtom* child = new CPBodyAtom(node);
+      node->children_[value] = child;
+      ++depth;
+      node = child;
+    }
+    if (depth > tree_depth_)
+      tree_depth_ = depth;
+    node->probabilities_ = new std::vector<double>(probabilities);
+    placed = 1;
+  }
+  return placed;
 }
 
 bool CPEvent::emptyBody() const {
@@ -295,21 +371,86 @@ int CPEvent::headAtomPosition(const Atom& atom) const {
 // ---------------------------------------------------------------------------
 // Conversion to confactors.
 
-int CPEvent::convertToConfactors(Confactors* out, CVE* engine, bool tables) {
+int CPEvent::convertToConfactors(Confactors* out, CVE* engine, bool tables,
+                                 const AtomBody* evidence) {
   if (rule_count_ == 1 && !emptyBody()) {
-    assert(getAtomRepresentation()->atomp_ != __null);
-    confactorsAsNoisyMinFactorization(out, body_tree_, choice_atom_->atomp_, tables);
+    confactorsAsConjunctionChain(out, engine, evidence);
     return 1;
   }
-  return convertToConfactorsAsTree(out, engine, tables);
+  return convertToConfactorsAsTree(out, engine, tables, evidence);
 }
 
-int CPEvent::convertToConfactorsAsTree(Confactors* out, CVE*, bool tables) {
+void CPEvent::confactorsAsConjunctionChain(Confactors* out, CVE* engine,
+                                           const AtomBody* evidence) {
+  // The one rule's body is the path to the tree's only leaf.
+  std::vector<AtomValuePair<int>> body;
+  const CPBodyAtom* node = body_tree_;
+  while (node != nullptr && node->atom_ != nullptr) {
+    const CPBodyAtom* next = nullptr;
+    for (size_t v = 0; v < node->children_.size() && next == nullptr; ++v) {
+      if (node->children_[v] != nullptr) {
+        body.emplace_back(node->atom_, static_cast<int>(v));
+        next = node->children_[v];
+      }
+    }
+    node = next;
+  }
+  const std::vector<double> p = node != nullptr && node->probabilities_ != nullptr
+                                    ? *node->probabilities_
+                                    : std::vector<double>{1.0};
+  Atom* c = choice_atom_;
+  auto leaf = [&p, c](const AtomBody& x, bool holds) {
+    size_t cv = static_cast<size_t>(x.at(c));
+    if (!holds)
+      return cv == 0 ? 1.0 : 0.0;
+    return cv < p.size() ? p[cv] : 0.0;
+  };
+  // Observed literals are decided now; the others are chained.
+  std::vector<AtomValuePair<int>> open;
+  for (const auto& literal : body) {
+    auto observed = evidence != nullptr ? evidence->find(literal.atom_) : AtomBody::const_iterator();
+    if (evidence != nullptr && observed != evidence->end()) {
+      if (observed->second != literal.value_) {
+        out->push_back(tableGiven({c}, c, evidence, [&](const AtomBody& x) { return leaf(x, false); }));
+        return;
+      }
+      continue;
+    }
+    open.push_back(literal);
+  }
+  if (open.empty()) {
+    out->push_back(tableGiven({c}, c, evidence, [&](const AtomBody& x) { return leaf(x, true); }));
+    return;
+  }
+  // held is an atom that is 1 exactly when the literals so far hold: the
+  // first literal's atom read against its value, then auxiliary atoms. No
+  // entry is negative and nothing is subtracted, so small probabilities
+  // keep their precision.
+  Atom* held = open[0].atom_;
+  int heldValue = open[0].value_;
+  for (size_t i = 1; i < open.size(); ++i) {
+    Atom* b = open[i].atom_;
+    int bv = open[i].value_;
+    Atom* u = engine->newAuxiliaryAtom(choice_atom_->name_ + "and" + std::to_string(i), 2);
+    out->push_back(tableGiven({held, b, u}, u, nullptr, [=](const AtomBody& x) {
+      bool both = x.at(held) == heldValue && x.at(b) == bv;
+      return (x.at(u) == 1) == both ? 1.0 : 0.0;
+    }));
+    held = u;
+    heldValue = 1;
+  }
+  out->push_back(tableGiven({held, c}, c, nullptr, [&, held, heldValue](const AtomBody& x) {
+    return leaf(x, x.at(held) == heldValue);
+  }));
+}
+
+int CPEvent::convertToConfactorsAsTree(Confactors* out, CVE*, bool tables,
+                                       const AtomBody* evidence) {
   std::vector<Atom*> path(1, choice_atom_);
   std::vector<double> defaults(head_atoms_.size() + 1, 0.0);
   defaults[0] = 1.0;
   Confactors list;
-  int count = confactorsFromSubtree(&list, body_tree_, path, defaults);
+  int count = confactorsFromSubtree(&list, body_tree_, path, defaults, evidence);
   if (!tables) {
     out->insert(out->end(), list.begin(), list.end());
     return count;
@@ -319,7 +460,7 @@ int CPEvent::convertToConfactorsAsTree(Confactors* out, CVE*, bool tables) {
 }
 
 int CPEvent::confactorsFromSubtree(Confactors* out, CPBodyAtom* node, std::vector<Atom*>& path,
-                                   std::vector<double>& defaults) {
+                                   std::vector<double>& defaults, const AtomBody* evidence) {
   if (node == nullptr || node->atom_ == nullptr) {
     // A tree without leaves leaves the choice at "no head atom".
     std::vector<double>& values =
@@ -328,7 +469,12 @@ int CPEvent::confactorsFromSubtree(Confactors* out, CPBodyAtom* node, std::vecto
     return 1;
   }
   Atom* b = node->atom_;
-  int observed = theory_ != nullptr ? theory_->getObservedValue(*b) : -1;
+  int observed = -1;
+  if (evidence != nullptr) {
+    auto found = evidence->find(b);
+    if (found != evidence->end())
+      observed = found->second;
+  }
   const int n = static_cast<int>(b->domainsize_);
   std::vector<size_t> start(n, 0);
   std::vector<int> count(n, 0);
@@ -342,14 +488,13 @@ int CPEvent::confactorsFromSubtree(Confactors* out, CPBodyAtom* node, std::vecto
     CPBodyAtom* child =
         static_cast<size_t>(v) < node->children_.size() ? node->children_[v] : nullptr;
     if (child != nullptr) {
-      count[v] = confactorsFromSubtree(out, child, path, defaults);
+      count[v] = confactorsFromSubtree(out, child, path, defaults, evidence);
     } else {
       out->push_back(new Confactor(path, choice_atom_, defaults));
       count[v] = 1;
     }
     total += count[v];
   }
-
   bool single = observed == -1;
   for (int v = 0; v < n && single; ++v)
     single = count[v] == 1;
@@ -380,66 +525,6 @@ int CPEvent::confactorsFromSubtree(Confactors* out, CPBodyAtom* node, std::vecto
   return total;
 }
 
-void CPEvent::confactorsAsNoisyMinFactorization(Confactors* out, CPBodyAtom* node, Atom* prime,
-                                                bool tables) {
-  if (node == nullptr)
-    return;
-  if (node->atom_ != nullptr) {
-    Atom* b = node->atom_;
-    int observed = theory_ != nullptr ? theory_->getObservedValue(*b) : -1;
-    // The literal's sign is not consulted: the factor lets the rule fire only
-    // where b is true.
-    if (observed == -1) {
-      out->push_back(completeTable({b, prime}, {}, [b, prime](const AtomBody& x) {
-        return (x.at(b) == 0 && x.at(prime) == 1) ? 0.0 : 1.0;
-      }));
-    } else if (observed == 0) {
-      // The row of the observed value; for b = 1 it is all ones and adds nothing.
-      out->push_back(completeTable(
-          {prime}, {}, [prime](const AtomBody& x) { return x.at(prime) == 0 ? 1.0 : 0.0; }));
-    }
-    for (CPBodyAtom* child : node->children_) {
-      if (child != nullptr)
-        confactorsAsNoisyMinFactorization(out, child, prime, tables);
-    }
-    return;
-  }
-  const std::vector<double> p =
-      node->probabilities_ != nullptr ? *node->probabilities_ : std::vector<double>{1.0};
-  Atom* c = choice_atom_;
-  // The only table for the prime: the factors of the body atoms are
-  // multiplied into it. With the prime false the choice is "none"; with it true, the leaf's
-  // distribution minus that same "none", so that summing the prime out leaves
-  // the leaf where every body atom is true and "none" elsewhere.
-  out->push_back(completeTable({prime, c}, {prime, c}, [&p, prime, c](const AtomBody& x) {
-    int cv = x.at(c);
-    if (x.at(prime) == 0)
-      return cv == 0 ? 1.0 : 0.0;
-    double pc = static_cast<size_t>(cv) < p.size() ? p[cv] : 0.0;
-    return cv == 0 ? pc - 1.0 : pc;
-  }));
-}
-
-int CPEvent::convertToFactors(Confactors* out) {
-  std::vector<Atom*> path(1, choice_atom_);
-  std::vector<double> defaults(head_atoms_.size() + 1, 0.0);
-  defaults[0] = 1.0;
-  Confactors list;
-  factorsFromSubtree(&list, body_tree_, path, defaults);
-  out->push_back(mergeIntoTable(list));
-  return 1;
-}
-
-int CPEvent::factorsFromSubtree(Confactors* out, CPBodyAtom* node, std::vector<Atom*>& path,
-                                std::vector<double>& defaults) {
-  Confactors list;
-  int count = confactorsFromSubtree(&list, node, path, defaults);
-  for (Confactor* piece : list) {
-    out->push_back(piece->convertToCPT(1));
-    delete piece;
-  }
-  return count;
-}
 
 // ---------------------------------------------------------------------------
 // Text forms.

@@ -124,15 +124,18 @@ class CPEvent {
   void init();
   // REQUIRES: a theory.
   void setHead(AtomDoubles& head);
-  // Accepts the rule when its head starts with this event's head atoms and
-  // its body excludes the body of every held rule. direct puts it straight
+  // Accepts the rule when its head atoms are this event's, in the same order,
+  // and its body excludes the body of every held rule. direct puts it straight
   // into the body tree instead of holding it.
   bool addParsedEvent(AtomDoubles& head, std::vector<AtomValuePair<int>>& body, bool direct);
-  // Places the held rules into the body tree, shortest bodies first.
+  // Builds the body tree anew from the held rules, shortest bodies first.
   void compileParsedEvents();
-  // 1 when the rule got a leaf, 0 when its path ran into a leaf or into a
-  // node testing an atom the rule does not mention.
+  // Gives the rule a leaf on every path of the tree its body is consistent
+  // with (a node testing an atom the body does not mention passes it to all
+  // values). 1 when it got a leaf, 0 when its region was another rule's.
   int addEventToTree(AtomDoubles& head, std::vector<AtomValuePair<int>>& body);
+  // A leaf's vector for the head: entry 0 the rest of the probability mass.
+  static std::vector<double> leafProbabilities(const AtomDoubles& head);
   bool emptyBody() const;
   // Number of accepted rules.
   int countParsedEvents() const { return rule_count_; }
@@ -148,23 +151,21 @@ class CPEvent {
   void printBeta() const {}
 
   // --- Conversion to confactors. Confactors are appended to *out, whose
-  // holder owns them. engine is not used by the conversions themselves. ---
+  // holder owns them. evidence (may be null; not owned) holds observed
+  // atoms: they are not variables of the result, only their observed values
+  // are kept. ---
 
-  // Single rule with a body: the factorisation through the choice variable's
-  // prime atom; otherwise convertToConfactorsAsTree.
-  int convertToConfactors(Confactors* out, CVE* engine, bool tables);
+  // A single rule with a body: the conjunction of its literals as a chain of
+  // auxiliary atoms that engine creates and owns; otherwise
+  // convertToConfactorsAsTree.
+  int convertToConfactors(Confactors* out, CVE* engine, bool tables, const AtomBody* evidence);
   // One confactor per leaf (and per uncovered value), with the path as
   // context; tables merges them into one complete table.
-  int convertToConfactorsAsTree(Confactors* out, CVE* engine, bool tables);
+  int convertToConfactorsAsTree(Confactors* out, CVE* engine, bool tables,
+                                const AtomBody* evidence);
   int confactorsFromSubtree(Confactors* out, CPBodyAtom* node, std::vector<Atom*>& path,
-                            std::vector<double>& defaults);
-  void confactorsAsNoisyMinFactorization(Confactors* out, CPBodyAtom* node, Atom* prime,
-                                         bool tables);
-  // One complete table for the event (the walk of convertToConfactorsAsTree
-  // with every piece made complete).
-  int convertToFactors(Confactors* out);
-  int factorsFromSubtree(Confactors* out, CPBodyAtom* node, std::vector<Atom*>& path,
-                         std::vector<double>& defaults);
+                            std::vector<double>& defaults, const AtomBody* evidence);
+  void confactorsAsConjunctionChain(Confactors* out, CVE* engine, const AtomBody* evidence);
 
   // --- Text forms. ---
   std::string status() const;
@@ -191,6 +192,13 @@ std::ostream& operator<<(std::ostream& os, const CPEvent& event);
 // the tables for it). The caller owns the result.
 Confactor* completeTable(std::vector<Atom*> atoms, std::vector<Atom*> forAtoms,
                          const std::function<double(const AtomBody&)>& value);
+// A complete table over the atoms that evidence (may be null) does not
+// observe, whose entry for each assignment is value(that assignment with the
+// observed values added). forAtom, when among them, is marked the for-atom.
+// Without unobserved atoms, a table without atoms holding the one value. The
+// caller owns the result.
+Confactor* tableGiven(const std::vector<Atom*>& atoms, Atom* forAtom, const AtomBody* evidence,
+                      const std::function<double(const AtomBody&)>& value);
 // One complete table that is the product of the complete forms of list's
 // confactors (1 outside each one's context); a single confactor is returned
 // as it is. Takes ownership of the list's confactors and empties the list;

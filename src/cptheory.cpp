@@ -1,14 +1,18 @@
 #include "cptheory.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
+#include <memory>
 #include <sstream>
+#include <unordered_set>
 
 #include "confactor.h"
 #include "cve.h"
+#include "eliminationorder.h"
 
 namespace {
 
@@ -19,8 +23,16 @@ int choiceValueOf(Atom* choice, Atom* curAtom) {
   return position + 1;
 }
 
-unsigned fullMask(const Atom* atom) {
-  return (1u << atom->domainsize_) - 1u;
+// name inside a double-quoted label: atom names are Prolog text and may hold
+// quotes and backslashes.
+std::string quotedLabel(const std::string& name) {
+  std::string out;
+  for (char ch : name) {
+    if (ch == '"' || ch == '\\')
+      out += '\\';
+    out += ch;
+  }
+  return out;
 }
 
 // A confactor over a alone (for-atom a) holding values.
@@ -36,7 +48,8 @@ CPTheory::CPTheory(const std::string& name)
       name_(name),
       use_tables_(false),
       factor_context_(false),
-      compile_bodies_(true) {
+      compile_bodies_(true),
+      max_rank_(0) {
   ConfactorNetworkBase::init();
 }
 
@@ -81,10 +94,14 @@ void CPTheory::setSettings(bool compileBodies, const std::string& method,
   compile_bodies_ = compileBodies;
   setMethod(method);
   setElimination(elimination);
-  weight_heuristic_ = 2;
+  weight_heuristic_ = kGreedyOrder;
 }
 
 CPEvent* CPTheory::addParsedEvent(AtomDoubles& head, std::vector<AtomValuePair<int>>& body) {
+  // A rule added after a compile changes what the compile made.
+  needs_update_ = true;
+  if (head.size() > kMaxEventHead)
+    return addSplitEvent(head, body);
   if (compile_bodies_ && !body.empty() && !head.empty()) {
     // The events whose head holds the first head atom are its parents.
     std::vector<Atom*> parents = head[0].atom_->in_;
@@ -96,6 +113,38 @@ CPEvent* CPTheory::addParsedEvent(AtomDoubles& head, std::vector<AtomValuePair<i
   CPEvent* event = new CPEvent(this);
   event->addParsedEvent(head, body, !compile_bodies_);
   events_.push_back(event);
+  return event;
+}
+
+CPEvent* CPTheory::addSplitEvent(AtomDoubles& head, std::vector<AtomValuePair<int>>& body) {
+  // The choice among n atoms becomes a choice among at most kMaxEventHead
+  // groups, each an auxiliary atom that only this choice causes, followed by
+  // a choice within the chosen group with probabilities relative to the
+  // group's. Exactly one group atom holds when the first choice picks a
+  // group, so the product of the two choices is the original one.
+  const size_t groups = kMaxEventHead;
+  const size_t size = (head.size() + groups - 1) / groups;
+  AtomDoubles first;
+  std::vector<AtomDoubles> within;
+  for (size_t start = 0; start < head.size(); start += size) {
+    AtomDoubles group(head.begin() + start, head.begin() + std::min(head.size(), start + size));
+    double mass = 0.0;
+    for (const auto& h : group)
+      mass += h.value_;
+    for (auto& h : group)
+      h.value_ = mass > 0.0 ? std::min(1.0, h.value_ / mass) : 0.0;
+    std::string name = "C" + std::to_string(Atom::next_unique_id_) + "group";
+    while (atoms_.count(name) != 0)
+      name += "_";
+    Atom* atom = addAtom(name);
+    first.emplace_back(atom, mass);
+    within.push_back(group);
+  }
+  CPEvent* event = addParsedEvent(first, body);
+  for (size_t g = 0; g < within.size(); ++g) {
+    std::vector<AtomValuePair<int>> groupBody{AtomValuePair<int>(first[g].atom_, 1)};
+    addParsedEvent(within[g], groupBody);
+  }
   return event;
 }
 
@@ -134,8 +183,12 @@ void CPTheory::compile() {
   }
   delete uncaused;
   updateRanking();
-  if (compile_bodies_)
-    compileBodies();
+  // Rules held while bodies were compiled stay held after the switch is
+  // turned off; they are placed all the same.
+  compileBodies();
+  max_rank_ = 0;
+  for (const auto& entry : atoms_)
+    max_rank_ = std::max(max_rank_, entry.second->rank_);
   srand(static_cast<unsigned>(time(0)));
   needs_update_ = false;
 }
@@ -163,36 +216,37 @@ AtomBody* CPTheory::sample() {
 // ---------------------------------------------------------------------------
 // Queries.
 
+namespace {
+
+// Restores the weights of the network's atoms: the elimination engine writes
+// them as it goes, and a query must leave the theory as it found it.
+class WeightSnapshot {
+ public:
+  explicit WeightSnapshot(const std::map<std::string, Atom*>& atoms) {
+    saved_.reserve(atoms.size());
+    for (const auto& entry : atoms)
+      saved_.emplace_back(entry.second, entry.second->weight_);
+  }
+  ~WeightSnapshot() {
+    for (const auto& entry : saved_)
+      entry.first->weight_ = entry.second;
+  }
+
+ private:
+  std::vector<std::pair<Atom*, uint32_t>> saved_;
+};
+
+}  // namespace
+
 Confactor* CPTheory::query(Atom* a) {
   if (a == nullptr) {
     std::cerr << "Query atom does not exist" << std::endl;
     return nullptr;
   }
-  int observed = getObservedValue(*a);
-  if (observed == -1)
-    return queryUnconditioned(a, -1);
-  // The query atom's own observation decides it; the rest of the evidence is
-  // still worked through so that the engine runs as for any other query.
-  AtomBody* all = observations_;
-  AtomBody others(*all);
-  others.erase(a);
-  observations_ = &others;
-  Confactor* result = queryUnconditioned(a, observed);
-  observations_ = all;
-  return result;
-}
-
-Confactor* CPTheory::queryUnconditioned(Atom* a, int observed) {
-  CVE* engine = createCVE(a);
-  engine->query(a);
-  Confactor* result = engine->createCPT();
-  delete engine;
-  if (observed != -1) {
-    delete result;
-    std::vector<double> values(a->domainsize_, 0.0);
-    values[observed] = 1.0;
-    result = tableOver(a, values);
-  }
+  static const AtomBody none;
+  std::vector<double> joint = jointProbabilities(a, observations_ != nullptr ? *observations_ : none);
+  Confactor* result = tableOver(a, joint);
+  result->normalize();
   return result;
 }
 
@@ -212,149 +266,146 @@ Confactor* CPTheory::query(std::string name) {
   return query(atom);
 }
 
+std::vector<double> CPTheory::jointProbabilities(Atom* q, const AtomBody& evidence) {
+  compile();
+  WeightSnapshot weights(atoms_);
+  // An observed query atom is decided by the evidence: only P(evidence) is
+  // computed, and no elimination runs for the query atom itself.
+  int observedQuery = -1;
+  if (q != nullptr) {
+    auto found = evidence.find(q);
+    if (found != evidence.end())
+      observedQuery = found->second;
+  }
+  Atom* target = observedQuery == -1 ? q : nullptr;
+  std::unique_ptr<CVE> engine(buildEngine(target, evidence));
+  if (weight_heuristic_ == kGreedyOrder || !engine->auxiliary_atoms_.empty())
+    orderGreedily(engine.get(), target);
+  engine->query(target);
+  std::unique_ptr<Confactor> joint(engine->createJoint());
+  std::vector<double> result;
+  if (target != nullptr) {
+    result.assign(target->domainsize_, 0.0);
+    if (joint->atoms_.empty()) {
+      // Nothing constrains the query atom: every value has the whole mass.
+      for (double& v : result)
+        v = joint->values_[0];
+    } else {
+      assert(joint->atoms_.size() == 1 && joint->values_.size() == target->domainsize_);
+      result = joint->values_;
+    }
+    return result;
+  }
+  assert(joint->atoms_.empty());
+  double evidenceProbability = joint->values_.empty() ? 0.0 : joint->values_[0];
+  if (q == nullptr)
+    return {evidenceProbability};
+  result.assign(q->domainsize_, 0.0);
+  if (observedQuery >= 0 && observedQuery < static_cast<int>(q->domainsize_))
+    result[observedQuery] = evidenceProbability;
+  return result;
+}
+
+void CPTheory::orderGreedily(CVE* engine, Atom* q) {
+  std::set<Confactor*, ConfactorCmpId>* all = engine->getConfactorSet();
+  std::vector<Confactor*> confactors(all->begin(), all->end());
+  delete all;
+  std::vector<Atom*> eliminate;
+  eliminate.reserve(engine->elim_order_.size());
+  for (Atom* a : engine->elim_order_) {
+    if (a != q)
+      eliminate.push_back(a);
+  }
+  engine->elim_order_ = greedyEliminationOrder(confactorScopes(confactors), eliminate);
+  engine->sort_elim_order_ = false;
+}
+
 CVE* CPTheory::createCVE(Atom* q) {
+  static const AtomBody none;
+  return buildEngine(q, observations_ != nullptr ? *observations_ : none);
+}
+
+CVE* CPTheory::buildEngine(Atom* q, const AtomBody& evidence) {
+  compile();
   CVE* engine = new CVE();
   engine->factor_context_ = factor_context_;
   engine->use_complete_set_tree_ = use_complete_set_;
-  compile();
+  engine->next_auxiliary_rank_ = max_rank_ + 1;
 
-  std::vector<Atom*> stack{q};
-  std::vector<Atom*> pending;
-  AtomMarks marks;
-  while (true) {
-    while (!stack.empty()) {
-      Atom* a = stack.back();
-      stack.pop_back();
-      int& mark = marks[a->id_];
-      if (mark == 2)
-        continue;
-      mark = 2;
-      int v = getObservedValue(*a);
-      if (a->event_ != nullptr)
-        queryChoiceNode(a, engine, &stack, &pending, &marks);
-      else if (use_confactors_)
-        queryAtomNode(a, engine, &stack, &pending, v);
-      else
-        queryAtomNodeAsTree(a, engine, &stack, &pending, v);
-      if (v == -1)
-        engine->addAtom(a);
-      else if (use_confactors_ && a->atomp_ != nullptr)
-        engine->addAtom(a->atomp_);  // an observed atom's prime is still summed out
-    }
-    if (pending.empty())
-      break;
-    queryCheck(&stack, &pending, &marks);
-    if (stack.empty())
-      break;
+  // What the query and the evidence depend on: their ancestors. Atoms that
+  // are not ancestors sum out to 1 and are left out.
+  std::vector<Atom*> stack;
+  if (q != nullptr)
+    stack.push_back(q);
+  for (const auto& observed : evidence)
+    stack.push_back(observed.first);
+  std::unordered_set<int> seen;
+  std::vector<Atom*> variables;
+  while (!stack.empty()) {
+    Atom* a = stack.back();
+    stack.pop_back();
+    if (!seen.insert(a->id_).second)
+      continue;
+    stack.insert(stack.end(), a->in_.begin(), a->in_.end());
+    if (a->event_ != nullptr)
+      queryChoiceNode(a, engine, evidence);
+    else
+      queryAtomNode(a, engine, evidence);
+    if (evidence.find(a) == evidence.end())
+      variables.push_back(a);
   }
+  // The chains' auxiliary atoms were entered first.
+  engine->elim_order_.insert(engine->elim_order_.end(), variables.begin(), variables.end());
   return engine;
 }
 
-void CPTheory::queryCheck(std::vector<Atom*>* stack, std::vector<Atom*>* pending,
-                          AtomMarks* marks) {
-  while (stack->empty() && !pending->empty()) {
-    Atom* a = pending->back();
-    pending->pop_back();
-    int& mark = (*marks)[a->id_];
-    if (mark != 0)
-      continue;
-    if (getObservedValue(*a) != -1) {
-      stack->push_back(a);
-      return;
-    }
-    // Explored once: an atom reached along many paths is not expanded again.
-    mark = 1;
-    pending->insert(pending->end(), a->out_.begin(), a->out_.end());
-  }
-}
-
-void CPTheory::queryChoiceNode(Atom* c, CVE* engine, std::vector<Atom*>* stack,
-                               std::vector<Atom*>* pending, AtomMarks* marks) {
+void CPTheory::queryChoiceNode(Atom* c, CVE* engine, const AtomBody& evidence) {
   Confactors list;
   if (use_confactors_)
-    c->event_->convertToConfactors(&list, engine, use_tables_);
+    c->event_->convertToConfactors(&list, engine, use_tables_, &evidence);
   else
-    c->event_->convertToConfactorsAsTree(&list, engine, use_tables_);
-  enterChoice(c, list, engine, stack, pending, marks);
-}
-
-void CPTheory::enterChoice(Atom* c, Confactors& list, CVE* engine, std::vector<Atom*>* stack,
-                           std::vector<Atom*>* pending, AtomMarks* marks) {
+    c->event_->convertToConfactorsAsTree(&list, engine, use_tables_, &evidence);
   for (Confactor* f : list)
     engine->addFactor(f);
-  for (Atom* parent : c->in_) {
-    if ((*marks)[parent->id_] != 2)
-      stack->push_back(parent);
-  }
-  if (observations_ != nullptr)
-    pending->insert(pending->end(), c->out_.begin(), c->out_.end());
 }
 
-void CPTheory::queryAtomNode(Atom* curAtom, CVE* engine, std::vector<Atom*>* stack,
-                             std::vector<Atom*>* pending, int v) {
-  if (!curAtom->isMultFactorizable()) {
-    assert(curAtom->in_.size() == 1);
-    Atom* c = curAtom->in_[0];
-    stack->push_back(c);
-    int k = choiceValueOf(c, curAtom);
-    if (v != -1) {
-      // The observed row: the choice selects curAtom exactly when it is true.
-      engine->addFactor(completeTable({c}, {}, [c, k, v](const AtomBody& x) {
-        return ((x.at(c) == k) == (v == 1)) ? 1.0 : 0.0;
-      }));
-    } else if (c->event_->countHeadAtoms() == 1) {
-      engine->addFactor(completeTable({c, curAtom}, {curAtom}, [c, curAtom](const AtomBody& x) {
-        return x.at(c) == x.at(curAtom) ? 1.0 : 0.0;
-      }));
-    } else {
-      Confactors list;
-      list.push_back(tableOver(curAtom, {0.0, 1.0}));
-      list.back()->addAtom(c, ADS_CONTEXT, 1 << k, 1, -1);
-      list.push_back(tableOver(curAtom, {1.0, 0.0}));
-      list.back()->addAtom(c, ADS_CONTEXT, fullMask(c) & ~(1u << k), 1, -1);
-      if (use_tables_) {
-        engine->addFactor(mergeIntoTable(list));
-      } else {
-        for (Confactor* f : list)
-          engine->addFactor(f);
-      }
-    }
-  } else {
-    assert(curAtom->atomp_ != __null);
-    Atom* prime = curAtom->atomp_;
-    // Noisy-or: each cause alone can make the prime true ... The link (or
-    // the observed row) is the only table for the prime, so that the
-    // elimination by absorption multiplies the per-cause factors into it.
-    for (Atom* c : curAtom->in_) {
-      stack->push_back(c);
-      int k = choiceValueOf(c, curAtom);
-      if (c->event_->countHeadAtoms() == 1 || use_tables_) {
-        engine->addFactor(completeTable({c, prime}, {}, [c, prime, k](const AtomBody& x) {
-          return (x.at(c) == k && x.at(prime) == 0) ? 0.0 : 1.0;
-        }));
-      } else {
-        // The complementary context would only multiply by 1.
-        Confactor* f = completeTable(
-            {prime}, {}, [prime](const AtomBody& x) { return x.at(prime) == 1 ? 1.0 : 0.0; });
-        f->addAtom(c, ADS_CONTEXT, 1 << k, 1, -1);
-        engine->addFactor(f);
-      }
-    }
-    // ... and the signed link turns the product into 1 - prod(no cause fired).
-    if (v == -1) {
-      engine->addFactor(
-          completeTable({prime, curAtom}, {prime, curAtom}, [prime, curAtom](const AtomBody& x) {
-            static const double link[2][2] = {{1.0, 0.0}, {-1.0, 1.0}};  // [atom][prime]
-            return link[x.at(curAtom)][x.at(prime)];
-          }));
-    } else if (v == 1) {
-      engine->addFactor(tableOver(prime, {-1.0, 1.0}));
-    } else {
-      engine->addFactor(tableOver(prime, {1.0, 0.0}));
-    }
+void CPTheory::queryAtomNode(Atom* a, CVE* engine, const AtomBody& evidence) {
+  if (!use_confactors_) {
+    queryAtomNodeAsTree(a, engine, evidence);
+    return;
   }
-  if (v == -1)
-    pending->insert(pending->end(), curAtom->out_.begin(), curAtom->out_.end());
+  // a is true exactly when one of its causes chose it: a disjunction, chained
+  // through auxiliary atoms so that every table stays small. No entry is
+  // negative and nothing is subtracted.
+  const std::vector<Atom*>& causes = a->in_;
+  assert(!causes.empty());
+  Atom* c0 = causes[0];
+  const int k0 = choiceValueOf(c0, a);
+  if (causes.size() == 1) {
+    engine->addFactor(tableGiven({c0, a}, a, &evidence, [=](const AtomBody& x) {
+      return (x.at(a) == 1) == (x.at(c0) == k0) ? 1.0 : 0.0;
+    }));
+    return;
+  }
+  // any: an atom, and the value at which it says that a cause so far chose a.
+  Atom* any = c0;
+  int anyValue = k0;
+  for (size_t i = 1; i < causes.size(); ++i) {
+    Atom* c = causes[i];
+    const int k = choiceValueOf(c, a);
+    const bool last = i + 1 == causes.size();
+    Atom* next = last ? a : engine->newAuxiliaryAtom(a->name_ + "or" + std::to_string(i), 2);
+    const bool singleValued = any->event_ != nullptr;  // a choice: one value says "chose a"
+    engine->addFactor(tableGiven({any, c, next}, next, last ? &evidence : nullptr,
+                                 [=](const AtomBody& x) {
+                                   bool before = singleValued ? x.at(any) == anyValue
+                                                              : x.at(any) == 1;
+                                   bool chosen = before || x.at(c) == k;
+                                   return (x.at(next) == 1) == chosen ? 1.0 : 0.0;
+                                 }));
+    any = next;
+    anyValue = 1;
+  }
 }
 
 void CPTheory::orConfactors(Atom* a, int v, Confactors* out) {
@@ -379,37 +430,24 @@ void CPTheory::orConfactors(Atom* a, int v, Confactors* out) {
     Confactor* f = piece(i < causes.size());
     for (size_t j = 0; j < i && j < causes.size(); ++j) {
       int k = choiceValueOf(causes[j], a);
-      f->addAtom(causes[j], ADS_CONTEXT, fullMask(causes[j]) & ~(1u << k), 1, -1);
+      f->addAtom(causes[j], ADS_CONTEXT, fullDomainMask(causes[j]->domainsize_) & ~(1u << k), 1,
+                 -1);
     }
     if (i < causes.size())
-      f->addAtom(causes[i], ADS_CONTEXT, 1 << choiceValueOf(causes[i], a), 1, -1);
+      f->addAtom(causes[i], ADS_CONTEXT, 1u << choiceValueOf(causes[i], a), 1, -1);
     out->push_back(f);
   }
 }
 
-void CPTheory::queryAtomNodeAsTree(Atom* curAtom, CVE* engine, std::vector<Atom*>* stack,
-                                   std::vector<Atom*>* pending, int v) {
-  stack->insert(stack->end(), curAtom->in_.begin(), curAtom->in_.end());
+void CPTheory::queryAtomNodeAsTree(Atom* a, CVE* engine, const AtomBody& evidence) {
+  auto observed = evidence.find(a);
+  int v = observed == evidence.end() ? -1 : observed->second;
   Confactors list;
-  orConfactors(curAtom, v, &list);
+  orConfactors(a, v, &list);
   // One complete table whatever the tables flag: pieces that hold a cause
   // only in their context can leave a value of that cause without any
   // confactor when it is eliminated, which the complete set does not allow.
   engine->addFactor(mergeIntoTable(list));
-  if (v == -1)
-    pending->insert(pending->end(), curAtom->out_.begin(), curAtom->out_.end());
-}
-
-void CPTheory::queryAtomNodeUseTable(Atom* curAtom, CVE* engine, std::vector<Atom*>* stack,
-                                     std::vector<Atom*>* pending, int v) {
-  queryAtomNodeAsTree(curAtom, engine, stack, pending, v);
-}
-
-void CPTheory::queryChoiceNodeUseTable(Atom* c, CVE* engine, std::vector<Atom*>* stack,
-                                       std::vector<Atom*>* pending, AtomMarks* marks) {
-  Confactors list;
-  c->event_->convertToFactors(&list);
-  enterChoice(c, list, engine, stack, pending, marks);
 }
 
 // ---------------------------------------------------------------------------
@@ -483,20 +521,24 @@ std::string CPTheory::strHuginNet(Atom* query) {
   CVE* engine = createCVE(query);
   std::ostringstream nodes;
   std::ostringstream potentials;
-  for (const auto& entry : atoms_) {
-    Atom* atom = entry.second;
+  auto write = [&](Atom* atom) {
     nodes << "node " << atom->name_ << "\n{\n";
     nodes << "\tstates = (";
     for (unsigned v = 0; v < atom->domainsize_; ++v)
       nodes << "\"" << v << "\" ";
     nodes << ");\n";
-    nodes << "\tlabel = \"" << atom->name_ << "\";\n";
+    nodes << "\tlabel = \"" << quotedLabel(atom->name_) << "\";\n";
     nodes << "}\n";
     std::vector<Confactor*>* tables = engine->getFactorsFor(atom);
     for (Confactor* f : *tables)
       potentials << "\n" << f->strHuginNet() << "\n";
     delete tables;
-  }
+  };
+  for (const auto& entry : atoms_)
+    write(entry.second);
+  // The chains that the query's disjunctions and conjunctions go through.
+  for (const auto& atom : engine->auxiliary_atoms_)
+    write(atom.get());
   use_tables_ = savedTables;
   delete engine;
   return nodes.str() + "\n" + potentials.str();
@@ -528,9 +570,9 @@ std::string CPTheory::strGraphviz(bool compact) {
     os << " [label=\"";
     if (atom->atomp_ != nullptr) {
       const Atom* prime = atom->atomp_;
-      os << prime->name_ << " (" << prime->weight_ << "," << prime->rank_ << ")\\n";
+      os << quotedLabel(prime->name_) << " (" << prime->weight_ << "," << prime->rank_ << ")\\n";
     }
-    os << atom->name_ << " (" << atom->weight_ << "," << atom->rank_ << ")\"";
+    os << quotedLabel(atom->name_) << " (" << atom->weight_ << "," << atom->rank_ << ")\"";
     if (use_confactors_ && atom->isMultFactorizable())
       os << ", shape=box";
     os << "];\n";

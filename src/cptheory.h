@@ -21,9 +21,6 @@ class CVE;
 // atoms and events that bear on the query and the observations.
 class CPTheory : public ConfactorNetworkBase {
  public:
-  // Marks of the relevance walk of createCVE, by atom id.
-  typedef std::unordered_map<int, int> AtomMarks;
-
   // Atoms with several causes go through a prime atom and single-rule events
   // are factorised; off, the tree forms are used for both.
   bool use_confactors_;
@@ -36,6 +33,14 @@ class CPTheory : public ConfactorNetworkBase {
   // Hold rules per event and compile them into body trees; off, every rule
   // is an event of its own.
   bool compile_bodies_;
+  // The highest rank given by the last compile; auxiliary atoms rank above.
+  int max_rank_;
+  // The weight heuristic that orders each query's eliminations greedily
+  // (min-fill over the confactors the query needs) instead of by rank.
+  static const int kGreedyOrder = 6;
+  // Events hold at most this many head atoms: a choice variable has one
+  // value more, and domains hold 32 values.
+  static const size_t kMaxEventHead = kMaxDomainSize - 1;
 
   explicit CPTheory(const std::string& name);
   ~CPTheory() override;
@@ -47,11 +52,14 @@ class CPTheory : public ConfactorNetworkBase {
   // "absorption", anything else the complete confactor set ("cst").
   void setMethod(const std::string& method);
   void setElimination(const std::string& elimination);
-  // Both words, the compile-bodies switch, and weight heuristic 2.
+  // Both words, the compile-bodies switch, and the greedy per-query order.
   void setSettings(bool compileBodies, const std::string& method, const std::string& elimination);
 
   // Gives the rule to an event of its head that accepts it, or to a new
-  // event; returns that event (owned by the theory). Atoms must be registered.
+  // event; returns that event (owned by the theory). Atoms must be
+  // registered. A head longer than kMaxEventHead is split into nested
+  // choices through auxiliary atoms; the event of the first choice is
+  // returned.
   CPEvent* addParsedEvent(AtomDoubles& head, std::vector<AtomValuePair<int>>& body);
   CPEvent* addParsedEvent(std::map<Atom*, double, Atom::CmpId>& head,
                           std::map<Atom*, int, Atom::CmpId>& body);
@@ -74,32 +82,35 @@ class CPTheory : public ConfactorNetworkBase {
   void updateProbabilitiesFromBeta(double) {}
   void updateBetaParams(AtomBody*) {}
 
-  // The distribution of a (a table over a, owned by the caller), or null
-  // after a message when a is null or unknown. observations is not owned.
+  // The distribution of a (a table over a, owned by the caller) given the
+  // observations set, or null after a message when a is null or unknown.
+  // observations is not owned.
   Confactor* query(Atom* a);
   Confactor* query(Atom* a, AtomBody* observations);
   Confactor* query(std::string name);
+  // Entry v is P(q = v, evidence) for every value v of q; with q null, one
+  // entry: P(evidence). No entry is negative, and their sum is 0 exactly
+  // when the evidence is impossible. The theory is left as it was: no atom
+  // is registered, no weight, rank or setting changes.
+  // REQUIRES: q (when not null) and the atoms of evidence belong to this theory.
+  std::vector<double> jointProbabilities(Atom* q, const AtomBody& evidence);
 
-  // A new engine (owned by the caller) holding the confactors of the atoms
-  // and events relevant to q, with the unobserved ones as its variables.
+  // A new engine (owned by the caller) for q given the observations set: the
+  // confactors of the atoms and events that q and the observations depend
+  // on, with the unobserved ones as its variables.
   CVE* createCVE(Atom* q);
-  // Moves the next pending atom with an observation on the stack.
-  void queryCheck(std::vector<Atom*>* stack, std::vector<Atom*>* pending, AtomMarks* marks);
-  void queryChoiceNode(Atom* c, CVE* engine, std::vector<Atom*>* stack, std::vector<Atom*>* pending,
-                       AtomMarks* marks);
-  // The atom as a deterministic function of its cause, or as a noisy-or of
-  // its causes through its prime atom; v is its observed value or -1.
-  void queryAtomNode(Atom* curAtom, CVE* engine, std::vector<Atom*>* stack,
-                     std::vector<Atom*>* pending, int v);
-  // The deterministic OR of the causes without a prime atom, as one complete
-  // table over the atom and its causes.
-  void queryAtomNodeAsTree(Atom* curAtom, CVE* engine, std::vector<Atom*>* stack,
-                           std::vector<Atom*>* pending, int v);
-  // Variants that enter only complete tables; the query does not use them.
-  void queryAtomNodeUseTable(Atom* curAtom, CVE* engine, std::vector<Atom*>* stack,
-                             std::vector<Atom*>* pending, int v);
-  void queryChoiceNodeUseTable(Atom* c, CVE* engine, std::vector<Atom*>* stack,
-                               std::vector<Atom*>* pending, AtomMarks* marks);
+  // The same for explicit evidence (not owned); q may be null.
+  CVE* buildEngine(Atom* q, const AtomBody& evidence);
+  // Replaces the engine's order by a greedy min-fill order of its variables
+  // other than q over the engine's confactors.
+  void orderGreedily(CVE* engine, Atom* q);
+  // Enters the confactors of c's event.
+  void queryChoiceNode(Atom* c, CVE* engine, const AtomBody& evidence);
+  // Enters a as the disjunction of its causes (a chain through auxiliary
+  // atoms the engine owns), or, with use-confactors off, as one table.
+  void queryAtomNode(Atom* a, CVE* engine, const AtomBody& evidence);
+  // The deterministic OR of a's causes as one complete table.
+  void queryAtomNodeAsTree(Atom* a, CVE* engine, const AtomBody& evidence);
 
   // --- Text forms. ---
   // The name alone, or every event as rules.
@@ -119,11 +130,7 @@ class CPTheory : public ConfactorNetworkBase {
   // Confactors of the OR of the causes of a (restricted to row v when v is
   // not -1), as a decision list over the causes.
   void orConfactors(Atom* a, int v, Confactors* out);
-  Confactor* queryUnconditioned(Atom* a, int v);
-  // Enters an event's confactors (list, handed to engine) and queues its
-  // body atoms and, with observations, its head atoms.
-  void enterChoice(Atom* c, Confactors& list, CVE* engine, std::vector<Atom*>* stack,
-                   std::vector<Atom*>* pending, AtomMarks* marks);
+  CPEvent* addSplitEvent(AtomDoubles& head, std::vector<AtomValuePair<int>>& body);
 };
 
 std::ostream& operator<<(std::ostream& os, const CPTheory& theory);

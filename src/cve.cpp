@@ -18,10 +18,6 @@ using Entry = std::multimap<int, Confactor*>::iterator;
 // Entries of one id that a removal walks before it marks the id crowded.
 const int kShortRange = 16;
 
-unsigned int fullSet(const Atom* atom) {
-  return (1u << atom->domainsize_) - 1u;
-}
-
 // Inserts (id, c) after the entries with equal id, and records it when the
 // id is crowded.
 void enter(CVE& cve, int id, Confactor* c) {
@@ -80,7 +76,13 @@ void eraseEntry(CVE& cve, int id, Confactor* c) {
 
 }  // namespace
 
-CVE::CVE() : factor_context_(false), use_complete_set_tree_(true), num_factors_(0) {}
+CVE::CVE()
+    : next_auxiliary_rank_(0),
+      sort_elim_order_(true),
+      factor_context_(false),
+      use_complete_set_tree_(true),
+      num_factors_(0),
+      constant_(1.0) {}
 
 CVE::~CVE() {
   while (!factors_.empty())
@@ -89,7 +91,7 @@ CVE::~CVE() {
 
 void CVE::addFactor(Confactor* c) {
   if (c->atoms_.empty()) {
-    // It could never be found again under an atom, so it would only leak.
+    constant_ *= c->values_.empty() ? 1.0 : c->values_[0];
     delete c;
     return;
   }
@@ -115,6 +117,14 @@ void CVE::addAtom(Atom* a) {
   elim_order_.push_back(a);
   if (a->atomp_ != NULL)
     elim_order_.push_back(a->atomp_);
+}
+
+Atom* CVE::newAuxiliaryAtom(const std::string& name, unsigned domainsize) {
+  auxiliary_atoms_.emplace_back(new Atom(name, static_cast<int>(domainsize)));
+  Atom* atom = auxiliary_atoms_.back().get();
+  atom->rank_ = next_auxiliary_rank_++;
+  elim_order_.push_back(atom);
+  return atom;
 }
 
 void CVE::sortElimOrder() {
@@ -156,9 +166,8 @@ std::set<Confactor*, ConfactorCmpId>* CVE::getConfactorSet() const {
 }
 
 void CVE::query(Atom* q) {
-  if (factors_.empty())
-    std::cerr << "Empty CVE" << std::endl;
-  sortElimOrder();
+  if (sort_elim_order_)
+    sortElimOrder();
   const size_t n = elim_order_.size();
   for (size_t i = 0; i < n; ++i) {
     if (elim_order_[i] == q)
@@ -172,8 +181,6 @@ void CVE::query(Atom* q) {
 }
 
 int CVE::queryWithSuspend(Atom* q, unsigned int step) {
-  if (factors_.empty())
-    std::cerr << "Empty CVE" << std::endl;
   // Sorting again later could reorder atoms whose weights the eliminations rewrote.
   if (step == 0)
     sortElimOrder();
@@ -185,27 +192,33 @@ int CVE::queryWithSuspend(Atom* q, unsigned int step) {
 }
 
 Confactor* CVE::createCPT() {
-  if (factors_.empty()) {
-    std::cerr << "No factors in cve" << std::endl;
+  if (factors_.empty())
     return new Confactor(0.0);
-  }
+  Confactor* result = createJoint();
+  result->normalize();
+  return result;
+}
+
+Confactor* CVE::createJoint() {
   std::set<Confactor*, ConfactorCmpId>* all = getConfactorSet();
-  auto it = all->begin();
-  Confactor* result;
-  if (all->size() == 1) {
-    result = (*it)->convertToCPT(false);
-  } else {
-    result = (*it)->convertToCPT(true);
-    for (++it; it != all->end(); ++it) {
-      Confactor* table = (*it)->convertToCPT(true);
-      Confactor* product = new Confactor(table, result, NULL, 0, -1);
-      delete table;
-      delete result;
-      result = product;
+  // Outside its context a confactor multiplies by 1, also when it is alone.
+  Confactor* result = nullptr;
+  for (Confactor* c : *all) {
+    Confactor* table = c->convertToCPT(1);
+    if (result == nullptr) {
+      result = table;
+      continue;
     }
+    Confactor* product = new Confactor(table, result, nullptr, 0, -1);
+    delete table;
+    delete result;
+    result = product;
   }
   delete all;
-  result->normalize();
+  if (result == nullptr)
+    return new Confactor(constant_);
+  for (double& v : result->values_)
+    v *= constant_;
   return result;
 }
 
@@ -268,6 +281,21 @@ void CVE::eliminateNoCST(Atom* a) {
       to_absorb_.push_back(it->second);
     }
   }
+  // Absorption multiplies each confactor into the tables for a that overlap
+  // it, so a part of one that no table covers would be lost. That cannot
+  // happen when a single table for a holds everywhere; otherwise the
+  // complete confactor set, which covers every region, eliminates a.
+  const bool covered = complete_set_.size() == 1 &&
+                       std::none_of(complete_set_[0]->atoms_.begin(),
+                                    complete_set_[0]->atoms_.end(), [](const AtomDomStruct* e) {
+                                      return (e->flags_ & ADS_CONTEXT) != 0;
+                                    });
+  if (!to_absorb_.empty() && !covered) {
+    to_absorb_.clear();
+    complete_set_.clear();
+    eliminate(a);
+    return;
+  }
   for (Confactor* c : complete_set_)
     removeFactor(c, false);
   for (Confactor* c : to_absorb_)
@@ -323,7 +351,7 @@ void CVE::unifySets(Confactor* target, Confactor** other, std::deque<Confactor*>
       continue;
     if (((theirs->flags_ | mine->flags_) & ADS_CONTEXT) == 0)
       continue;
-    const unsigned int full = fullSet(atom);
+    const unsigned int full = fullDomainMask(atom->domainsize_);
     if (((theirs->domain_ ^ mine->domain_) & full) == 0)
       continue;
 
@@ -371,7 +399,7 @@ void CVE::createResiduals(Confactor* target, Confactor* other, std::deque<Confac
     // residual; the working copy continues inside other's context. The new
     // entry lands above the cursor, so the cursor stays valid.
     auto added =
-        adjusted_factor.addAtom(atom, ADS_CONTEXT, fullSet(atom) & ~it_con->domain_, 1, -1);
+        adjusted_factor.addAtom(atom, ADS_CONTEXT, fullDomainMask(atom->domainsize_) & ~it_con->domain_, 1, -1);
     out->push_back(new Confactor(adjusted_factor));
     (*added.first)->setDomain(it_con->domain_);
   }
@@ -407,7 +435,7 @@ void CVE::sumout(Atom* a, Confactor& common) {
   // The members now live in factors_ or are gone.
   complete_set_.clear();
 
-  const unsigned int full = fullSet(a);
+  const unsigned int full = fullDomainMask(a->domainsize_);
   while (!partial.empty()) {
     const unsigned int values1 = partial.begin()->first;
     Confactor* c1 = partial.begin()->second;

@@ -5,6 +5,7 @@
 
 #include <deque>
 #include <map>
+#include <memory>
 #include <ostream>
 #include <set>
 #include <string>
@@ -33,12 +34,23 @@ class CVE {
   std::unordered_map<int, size_t> crowded_;
   std::unordered_map<const Confactor*, std::vector<std::multimap<int, Confactor*>::iterator> >
       crowded_entries_;
-  std::vector<Atom*> elim_order_;  // atoms not owned
+  std::vector<Atom*> elim_order_;  // atoms not owned, except auxiliary_atoms_
+  // Atoms that only this engine's confactors use (chains that decompose a
+  // conjunction or a disjunction); owned, and entered in elim_order_.
+  std::vector<std::unique_ptr<Atom>> auxiliary_atoms_;
+  // Rank of the next auxiliary atom: ranks order the entries of confactors
+  // and must differ from those of the network's atoms.
+  int next_auxiliary_rank_;
+  // query sorts elim_order_ by rank first; off, the order is used as it is.
+  bool sort_elim_order_;
   // Lets eliminateNoCST factor out the context that all confactors to absorb share.
   bool factor_context_;
   // query eliminates with eliminate when true, with eliminateNoCST when false.
   bool use_complete_set_tree_;
   int num_factors_;  // distinct confactors in factors_
+  // The product of the confactors that lost their last atom: summing every
+  // atom out of a network leaves the probability of its evidence here.
+  double constant_;
   // Working sets of eliminateNoCST: confactors that only have the atom in
   // their context, and those that are tables for it (plus split residuals).
   // Both are empty again when an elimination ends. g++ names a template in
@@ -58,8 +70,8 @@ class CVE {
   // Destroys every confactor still entered.
   ~CVE();
 
-  // Takes ownership of c. A confactor without atom entries could never be
-  // found under an atom again, not even by createCPT, so it is destroyed at once.
+  // Takes ownership of c. A confactor without atom entries is a number: it is
+  // multiplied into constant_ and destroyed.
   void addFactor(Confactor* c);
   // Takes c out of the map; destroys it when destroy is true, else c goes
   // back to the caller.
@@ -67,6 +79,8 @@ class CVE {
   void removeFactors(bool destroy);
   // Appends a (not owned) and, when it has one, its prime atom.
   void addAtom(Atom* a);
+  // A new atom owned by the engine, appended to the elimination order.
+  Atom* newAuxiliaryAtom(const std::string& name, unsigned domainsize);
   void sortElimOrder();
   void reverseElimOrder();
   // Forgets every confactor without destroying it and empties the order.
@@ -88,6 +102,11 @@ class CVE {
   // The normalised product of the remaining confactors as one complete table;
   // the caller owns the result.
   Confactor* createCPT();
+  // The same product, not normalised and times constant_: after a query on q
+  // with evidence entered as observed rows, entry v is P(q = v, evidence).
+  // Without confactors left, a table without atoms holding constant_. The
+  // caller owns the result.
+  Confactor* createJoint();
   void renormalize();
 
   // Eliminates a through a complete confactor set.

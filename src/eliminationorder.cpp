@@ -44,7 +44,7 @@ class Queue {
   explicit Queue(std::vector<Entry> entries) : heap_(std::move(entries)), pos_(heap_.size()) {
     for (size_t i = 0; i < heap_.size(); ++i)
       pos_[heap_[i].v] = uint32_t(i);
-    for (size_t i = heap_.size() / 4 + 1; i-- > 0;)
+    for (size_t i = heap_.size() / 4 + 1; i-- > 0 && !heap_.empty();)
       down(i);
   }
   bool empty() const { return heap_.empty(); }
