@@ -282,15 +282,16 @@ void CVE::eliminateNoCST(Atom* a) {
     }
   }
   // Absorption multiplies each confactor into the tables for a that overlap
-  // it, so a part of one that no table covers would be lost. That cannot
-  // happen when a single table for a holds everywhere; otherwise the
-  // complete confactor set, which covers every region, eliminates a.
+  // it, and sums the tables' pieces, so a region that no table covers would
+  // be lost. That cannot happen when a single table for a holds everywhere;
+  // otherwise the complete confactor set, which covers every region,
+  // eliminates a.
   const bool covered = complete_set_.size() == 1 &&
                        std::none_of(complete_set_[0]->atoms_.begin(),
                                     complete_set_[0]->atoms_.end(), [](const AtomDomStruct* e) {
                                       return (e->flags_ & ADS_CONTEXT) != 0;
                                     });
-  if (!to_absorb_.empty() && !covered) {
+  if (!covered) {
     to_absorb_.clear();
     complete_set_.clear();
     eliminate(a);
