@@ -94,7 +94,10 @@ main :-
     !,
     format("| program | load (s) | grounding (s) | first query (s) | repeated query (s) | answer | expected |~n"),
     format("|---|---:|---:|---:|---:|---:|---:|~n"),
-    forall(member(File, Files), run_file(File)).
+    forall(member(File, Files),
+           catch(run_file(File), E,
+                 ( print_message(error, E), format("| ~w | error |~n", [File]) ))).
+
 main :-
     format("| family | n | grounding (s) | inference (s) | total (s) | answer |~n"),
     format("|---|---:|---:|---:|---:|---:|~n"),

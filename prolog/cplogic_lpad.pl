@@ -59,8 +59,7 @@ table remembers which atoms are done. The theory is kept across queries.
 :- dynamic lpad_read_error/1.       % Module: a clause of the block was refused
 :- dynamic lpad_program/1.          % Module: it has a program
 :- dynamic lpad_object/2.           % Module, Theory
-:- dynamic lpad_fo/4.               % ClauseId, TermCount, Module, FoNumber
-:- dynamic lpad_fo_next/2.          % Module, next free FoNumber
+:- dynamic lpad_rule/5.             % Hash, ClauseId, Heads, Lits, Module: added
 :- dynamic lpad_done/2.             % ClauseId, Module: ground clause in the theory
 
 :- multifile prolog:message//1.
@@ -369,8 +368,7 @@ forget_program(M) :-
 
 forget_theory(M) :-
     forall(retract(lpad_object(M, T)), catch(cplogic:pelm_free(T), _, true)),
-    retractall(lpad_fo(_, _, M, _)),
-    retractall(lpad_fo_next(M, _)),
+    retractall(lpad_rule(_, _, _, _, M)),
     retractall(lpad_done(_, M)).
 
 % clause_for_head(+Module, ?Atom, -Id, -Pos, -Ground): head atom Pos of
@@ -543,16 +541,16 @@ rule_for_atom(M, T, A, Lits) :-
         lpad_clause(Id, M, Heads, Body, Where),
         assertz(lpad_done(Id, M)),
         % every solution of a ground body gives the same rule
-        once(ground_rule(M, T, Id, Heads, Body, Where, event, Lits))
+        once(ground_rule(M, T, Id, Heads, Body, Where, ground, Lits))
     ;   lpad_clause(Id, M, Heads, Body, Where),
         nth1(Pos, Heads, A-_),
-        ground_rule(M, T, Id, Heads, Body, Where, grounding, Lits)
+        ground_rule(M, T, Id, Heads, Body, Where, new, Lits)
     ).
 
-% Every way the body can hold gives one ground rule. Groundings of a clause
-% with variables go to the theory as groundings of one first-order event,
-% under which it keeps substitutions that give the same rule once.
-ground_rule(M, T, Id, Heads0, Body, Where, How, Lits) :-
+% Every way the body can hold gives one ground rule. Substitutions of a
+% clause with variables that give the same rule (head atoms with their
+% pooled probabilities, set of body literals) add it once.
+ground_rule(M, T, Id, Heads0, Body, Where, Seen, Lits) :-
     solve_body(Body, M, Where, Lits0),
     (   ground(Heads0)
     ->  true
@@ -565,16 +563,16 @@ ground_rule(M, T, Id, Heads0, Body, Where, How, Lits) :-
     sort(Lits0, Lits),
     consistent_body(Lits),
     merge_heads(Heads0, Heads),
+    (   Seen == ground
+    ->  true
+    ;   term_hash(Id-Heads-Lits, Hash),
+        \+ lpad_rule(Hash, Id, Heads, Lits, M)
+    ->  assertz(lpad_rule(Hash, Id, Heads, Lits, M))
+    ;   fail
+    ),
     maplist(head_term, Heads, HTerms),
     maplist(body_term, Lits, BTerms),
-    (   How == event
-    ->  cplogic:vorn_cp_theory_add_event(T, event(HTerms, BTerms))
-    ;   length(HTerms, NH),
-        length(BTerms, NB),
-        Count is NH + NB,
-        fo_number(M, T, Id, Count, Fo),
-        cplogic:vorn_cp_theory_add_ground_event(T, ground(Fo, HTerms, BTerms))
-    ).
+    cplogic:vorn_cp_theory_add_event(T, event(HTerms, BTerms)).
 
 solve_body([], _, _, []).
 solve_body([L | Ls], M, Where, Lits) :-
@@ -626,16 +624,6 @@ head_term(A-P, h(A, P)).
 
 body_term(pos(A), A).
 body_term(neg(A), \+ A).
-
-fo_number(M, _, Id, Count, Fo) :-
-    lpad_fo(Id, Count, M, Fo),
-    !.
-fo_number(M, T, Id, Count, Fo) :-
-    (   retract(lpad_fo_next(M, Fo)) -> true ; Fo = 0 ),
-    Next is Fo + 1,
-    assertz(lpad_fo_next(M, Next)),
-    assertz(lpad_fo(Id, Count, M, Fo)),
-    cplogic:vorn_cp_theory_add_fo_event(T, Fo, Count).
 
 %   possible(+Module, ?Atom): Atom has a derivation when negated literals
 %   are ignored, so it is true in some world. Tabled, so that recursive
