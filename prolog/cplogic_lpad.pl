@@ -26,6 +26,8 @@ Queries ground only what they need: starting from the query and evidence
 atoms, the ground instances of the clauses whose head can produce an atom
 and whose body can hold are added to the module's theory object, whose atom
 table remembers which atoms are done. The theory is kept across queries.
+A ground program is a set of rules; a ground body atom that no rule causes
+is false.
 */
 
 :- use_module(library(lists)).
