@@ -248,7 +248,7 @@ class Graph {
     }
     off_.pop_back();
     for (size_t v = 0; v < n; ++v) {
-      int32_t* b = &pool_[off_[v]];
+      int32_t* b = pool_.data() + off_[v];
       std::sort(b, b + len_[v]);
       len_[v] = uint32_t(std::unique(b, b + len_[v]) - b);
       for (uint32_t i = 0; i < len_[v]; ++i)
@@ -258,7 +258,7 @@ class Graph {
     // Each triangle is met once from each of its edges, crediting the third
     // vertex.
     for (size_t a = 0; a < n; ++a) {
-      const int32_t* b = &pool_[off_[a]];
+      const int32_t* b = (pool_.data() + off_[a]);
       for (uint32_t i = 0; i < len_[a]; ++i)
         if (b[i] > int32_t(a) && len_[a] > 1 && len_[b[i]] > 1)
           forCommon(int32_t(a), b[i], [&](int32_t x) { ++tri_[x]; });
@@ -287,7 +287,7 @@ class Graph {
     rows_.assign(size_t(d) * words, 0);
     auto bit = [&](uint32_t i, uint32_t j) { return (rows_[i * words + j / 64] >> (j % 64)) & 1; };
     for (uint32_t i = 0; i < d; ++i) {
-      const int32_t* b = &pool_[off_[N[i]]];
+      const int32_t* b = (pool_.data() + off_[N[i]]);
       if (len_[N[i]] <= 4 * d) {
         for (uint32_t k = 0; k < len_[N[i]]; ++k)
           if (!dead_[b[k]] && local_[b[k]] >= 0 && b[k] != v) {
@@ -370,7 +370,7 @@ class Graph {
 
   // The live neighbours of v, sorted; drops the eliminated ones for good.
   const int32_t* live(int32_t v) {
-    int32_t* b = &pool_[off_[v]];
+    int32_t* b = (pool_.data() + off_[v]);
     if (len_[v] != deg_[v]) {
       len_[v] = uint32_t(std::remove_if(b, b + len_[v], [&](int32_t u) { return dead_[u]; }) - b);
       assert(len_[v] == deg_[v]);
@@ -381,7 +381,7 @@ class Graph {
   bool adjacent(int32_t u, int32_t w) const {
     if (len_[u] > len_[w])
       std::swap(u, w);
-    const int32_t* b = &pool_[off_[u]];
+    const int32_t* b = (pool_.data() + off_[u]);
     return std::binary_search(b, b + len_[u], w);
   }
 
@@ -391,8 +391,8 @@ class Graph {
   void forCommon(int32_t a, int32_t b, F f) const {
     if (len_[a] > len_[b])
       std::swap(a, b);
-    const int32_t* pa = &pool_[off_[a]];
-    const int32_t* pb = &pool_[off_[b]];
+    const int32_t* pa = (pool_.data() + off_[a]);
+    const int32_t* pb = (pool_.data() + off_[b]);
     for (uint32_t k = 0; k < len_[a]; ++k)
       if (!dead_[pa[k]] && std::binary_search(pb, pb + len_[b], pa[k]))
         f(pa[k]);
@@ -401,7 +401,7 @@ class Graph {
   // Rewrites u's list as its live neighbours merged with [first, last),
   // moving it to the end of the pool when it outgrows its room.
   void merge(int32_t u, const int32_t* first, const int32_t* last) {
-    const int32_t* b = &pool_[off_[u]];
+    const int32_t* b = (pool_.data() + off_[u]);
     buffer_.clear();
     for (uint32_t i = 0; i < len_[u]; ++i)
       if (!dead_[b[i]])
@@ -433,6 +433,8 @@ class Graph {
 
 std::vector<Atom*> greedyEliminationOrder(const std::vector<std::vector<Atom*>>& scopes,
                                           const std::vector<Atom*>& eliminate) {
+  if (eliminate.empty())
+    return {};
   const AtomIndex index(scopes, eliminate);
   const int32_t ne = index.eliminable();
   Graph graph(index, scopes);
