@@ -111,10 +111,10 @@ main :-
 run_file(File) :-
     file_name_extension(Base, pl, File),
     file_name_extension(Base, json, Json),
-    setup_call_cleanup(open(Json, read, In), json_read_dict(In, Spec), close(In)),
-    term_string(Q, Spec.query),
+    setup_call_cleanup(open(Json, read, In), json_read_dict(In, Instance), close(In)),
+    term_string(Q, Instance.query),
     maplist([[A, V], L]>>( term_string(T, A), ( V == true -> L = T ; L = (\+ T) ) ),
-            Spec.evidence, Evidence),
+            Instance.evidence, Evidence),
     findall(A, ( member(L, Evidence), ( L = (\+ A) -> true ; A = L ) ), EAtoms),
     file_base_name(Base, M),
     statistics(cputime, T0),
@@ -128,4 +128,4 @@ run_file(File) :-
     statistics(cputime, T4),
     Load is T1 - T0, Ground is T2 - T1, First is T3 - T2, Again is T4 - T3,
     format("| ~w | ~3f | ~3f | ~3f | ~3f | ~6g | ~6g |~n",
-           [M, Load, Ground, First, Again, P, Spec.expected]).
+           [M, Load, Ground, First, Again, P, Instance.expected]).
