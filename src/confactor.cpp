@@ -3,10 +3,14 @@
 #include <algorithm>
 #include <cassert>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <exception>
 #include <iostream>
 #include <sstream>
+
+#include "querylimits.h"
 
 namespace {
 
@@ -173,6 +177,52 @@ void ConfactorAtoms::sort() {
 }
 
 // ---------------------------------------------------------------------------
+// Confactors alive in a scope
+
+namespace {
+thread_local ConfactorScope* g_open_scope = nullptr;
+}  // namespace
+
+LiveLink::LiveLink(Confactor* owner)
+    : owner_(owner), scope_(g_open_scope), prev_(nullptr), next_(nullptr) {
+  if (scope_ == nullptr)
+    return;
+  next_ = scope_->head_;
+  if (next_ != nullptr)
+    next_->prev_ = this;
+  scope_->head_ = this;
+}
+
+LiveLink::~LiveLink() {
+  if (scope_ == nullptr)
+    return;
+  if (prev_ != nullptr)
+    prev_->next_ = next_;
+  else
+    scope_->head_ = next_;
+  if (next_ != nullptr)
+    next_->prev_ = prev_;
+}
+
+ConfactorScope::ConfactorScope() : head_(nullptr), uncaught_(std::uncaught_exceptions()) {
+  assert(g_open_scope == nullptr);
+  g_open_scope = this;
+}
+
+ConfactorScope::~ConfactorScope() {
+  g_open_scope = nullptr;
+  const bool unwinding = std::uncaught_exceptions() > uncaught_;
+  while (head_ != nullptr) {
+    if (unwinding) {
+      delete head_->owner_;  // unlinks itself
+    } else {
+      head_->scope_ = nullptr;
+      head_ = head_->next_;
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------
 // Confactor: construction, lookups and updates
 
 int32_t Confactor::next_unique_id_ = 0;
@@ -240,15 +290,18 @@ void Confactor::init(double fill) {
 }
 
 void Confactor::updateSize(double fill) {
+  // Saturates instead of wrapping, so that the size check sees any overflow.
   size_t size = 1;
   for (AtomDomStruct* entry : atoms_) {
     if (entry->flags_ & ADS_TABLE) {
       entry->block_ = static_cast<int32_t>(size);
-      size *= entry->count_;
+      const size_t count = entry->count_;
+      size = count != 0 && size > SIZE_MAX / count ? SIZE_MAX : size * count;
     } else {
       entry->block_ = 1;
     }
   }
+  checkTableSize(size);
   values_.resize(size, fill);
 }
 
@@ -727,7 +780,8 @@ void Confactor::orderAtoms() {
 
 std::pair<ConfactorAtoms::iterator, bool> Confactor::addAtom(Atom* atom, unsigned flags, int domain,
                                                              int fill, int initValue) {
-  const uint32_t dom = domain == -1 ? fullDomainMask(atom->domainsize_) : static_cast<uint32_t>(domain);
+  const uint32_t dom =
+      domain == -1 ? fullDomainMask(atom->domainsize_) : static_cast<uint32_t>(domain);
   if (!(flags & ADS_TABLE)) {
     AtomDomStruct* entry = new AtomDomStruct(atom, static_cast<int>(dom), flags);
     auto result = atoms_.insert(entry);

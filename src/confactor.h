@@ -100,12 +100,51 @@ class ConfactorAtoms : public std::vector<AtomDomStruct*> {
   const_iterator lowerBound(const Atom* atom) const;
 };
 
+class Confactor;
+class ConfactorScope;
+
+// Links a confactor into the list of the ConfactorScope open on its thread
+// when it was made, and out again when it is destroyed.
+class LiveLink {
+ public:
+  explicit LiveLink(Confactor* owner);
+  ~LiveLink();
+  LiveLink(const LiveLink&) = delete;
+  LiveLink& operator=(const LiveLink&) = delete;
+
+ private:
+  friend class ConfactorScope;
+  Confactor* owner_;
+  ConfactorScope* scope_;
+  LiveLink* prev_;
+  LiveLink* next_;
+};
+
+// While a scope is open, the confactors that this thread makes are linked
+// into it. A scope left by an exception destroys those still alive: a query
+// stopped half-way (a table too large, an interrupt) then leaves nothing
+// behind, whichever container or local held them. One scope per thread at
+// a time.
+class ConfactorScope {
+ public:
+  ConfactorScope();
+  ~ConfactorScope();
+  ConfactorScope(const ConfactorScope&) = delete;
+  ConfactorScope& operator=(const ConfactorScope&) = delete;
+
+ private:
+  friend class LiveLink;
+  LiveLink* head_;
+  int uncaught_;
+};
+
 // A contextual factor: a table of doubles over its table atoms (layout at the
 // top of this file) that holds only where every context atom takes a value of
 // its domain. Constructors and operations that return a new Confactor* hand
 // it to the caller; Atom pointers are never owned.
 class Confactor {
  public:
+  LiveLink live_{this};  // first: made before and destroyed after the rest
   std::vector<double> values_;
   int32_t id_;
   ConfactorAtoms atoms_;

@@ -13,6 +13,7 @@
 #include "confactor.h"
 #include "cve.h"
 #include "eliminationorder.h"
+#include "querylimits.h"
 
 namespace {
 
@@ -244,7 +245,8 @@ Confactor* CPTheory::query(Atom* a) {
     return nullptr;
   }
   static const AtomBody none;
-  std::vector<double> joint = jointProbabilities(a, observations_ != nullptr ? *observations_ : none);
+  std::vector<double> joint =
+      jointProbabilities(a, observations_ != nullptr ? *observations_ : none);
   Confactor* result = tableOver(a, joint);
   result->normalize();
   return result;
@@ -278,6 +280,9 @@ std::vector<double> CPTheory::jointProbabilities(Atom* q, const AtomBody& eviden
       observedQuery = found->second;
   }
   Atom* target = observedQuery == -1 ? q : nullptr;
+  // Declared before the engine, so that a query stopped by an exception
+  // first lets the engine free what it holds, then frees the rest.
+  ConfactorScope scope;
   std::unique_ptr<CVE> engine(buildEngine(target, evidence));
   if (weight_heuristic_ == kGreedyOrder || !engine->auxiliary_atoms_.empty())
     orderGreedily(engine.get(), target);
@@ -327,7 +332,7 @@ CVE* CPTheory::createCVE(Atom* q) {
 
 CVE* CPTheory::buildEngine(Atom* q, const AtomBody& evidence) {
   compile();
-  CVE* engine = new CVE();
+  std::unique_ptr<CVE> engine(new CVE());
   engine->factor_context_ = factor_context_;
   engine->use_complete_set_tree_ = use_complete_set_;
   engine->next_auxiliary_rank_ = max_rank_ + 1;
@@ -348,15 +353,16 @@ CVE* CPTheory::buildEngine(Atom* q, const AtomBody& evidence) {
       continue;
     stack.insert(stack.end(), a->in_.begin(), a->in_.end());
     if (a->event_ != nullptr)
-      queryChoiceNode(a, engine, evidence);
+      queryChoiceNode(a, engine.get(), evidence);
     else
-      queryAtomNode(a, engine, evidence);
+      queryAtomNode(a, engine.get(), evidence);
     if (evidence.find(a) == evidence.end())
       variables.push_back(a);
+    queryProgress("converting", seen.size(), seen.size() + stack.size());
   }
   // The chains' auxiliary atoms were entered first.
   engine->elim_order_.insert(engine->elim_order_.end(), variables.begin(), variables.end());
-  return engine;
+  return engine.release();
 }
 
 void CPTheory::queryChoiceNode(Atom* c, CVE* engine, const AtomBody& evidence) {
@@ -396,13 +402,12 @@ void CPTheory::queryAtomNode(Atom* a, CVE* engine, const AtomBody& evidence) {
     const bool last = i + 1 == causes.size();
     Atom* next = last ? a : engine->newAuxiliaryAtom(a->name_ + "or" + std::to_string(i), 2);
     const bool singleValued = any->event_ != nullptr;  // a choice: one value says "chose a"
-    engine->addFactor(tableGiven({any, c, next}, next, last ? &evidence : nullptr,
-                                 [=](const AtomBody& x) {
-                                   bool before = singleValued ? x.at(any) == anyValue
-                                                              : x.at(any) == 1;
-                                   bool chosen = before || x.at(c) == k;
-                                   return (x.at(next) == 1) == chosen ? 1.0 : 0.0;
-                                 }));
+    engine->addFactor(
+        tableGiven({any, c, next}, next, last ? &evidence : nullptr, [=](const AtomBody& x) {
+          bool before = singleValued ? x.at(any) == anyValue : x.at(any) == 1;
+          bool chosen = before || x.at(c) == k;
+          return (x.at(next) == 1) == chosen ? 1.0 : 0.0;
+        }));
     any = next;
     anyValue = 1;
   }

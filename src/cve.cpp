@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "completeconfactorset.h"
+#include "querylimits.h"
 
 std::vector<double> CVE::dbl_confactor_(1, 0.0);
 std::deque<Confactor*> CVE::confac_scratch_;
@@ -177,6 +178,7 @@ void CVE::query(Atom* q) {
     } else {
       eliminateNoCST(elim_order_[i]);
     }
+    queryProgress("eliminating", i + 1, n);
   }
 }
 
@@ -286,11 +288,10 @@ void CVE::eliminateNoCST(Atom* a) {
   // be lost. That cannot happen when a single table for a holds everywhere;
   // otherwise the complete confactor set, which covers every region,
   // eliminates a.
-  const bool covered = complete_set_.size() == 1 &&
-                       std::none_of(complete_set_[0]->atoms_.begin(),
-                                    complete_set_[0]->atoms_.end(), [](const AtomDomStruct* e) {
-                                      return (e->flags_ & ADS_CONTEXT) != 0;
-                                    });
+  const bool covered =
+      complete_set_.size() == 1 &&
+      std::none_of(complete_set_[0]->atoms_.begin(), complete_set_[0]->atoms_.end(),
+                   [](const AtomDomStruct* e) { return (e->flags_ & ADS_CONTEXT) != 0; });
   if (!covered) {
     to_absorb_.clear();
     complete_set_.clear();
@@ -399,8 +400,8 @@ void CVE::createResiduals(Confactor* target, Confactor* other, std::deque<Confac
     // The part of target where other's context fails on this atom is a
     // residual; the working copy continues inside other's context. The new
     // entry lands above the cursor, so the cursor stays valid.
-    auto added =
-        adjusted_factor.addAtom(atom, ADS_CONTEXT, fullDomainMask(atom->domainsize_) & ~it_con->domain_, 1, -1);
+    auto added = adjusted_factor.addAtom(
+        atom, ADS_CONTEXT, fullDomainMask(atom->domainsize_) & ~it_con->domain_, 1, -1);
     out->push_back(new Confactor(adjusted_factor));
     (*added.first)->setDomain(it_con->domain_);
   }

@@ -7,6 +7,7 @@
 #include <unordered_map>
 
 #include "confactor.h"
+#include "querylimits.h"
 
 namespace {
 
@@ -454,6 +455,7 @@ std::vector<Atom*> greedyEliminationOrder(const std::vector<std::vector<Atom*>>&
     for (int32_t u : touched)
       if (u < ne)
         queue.update(u, graph.score(u));
+    queryProgress("ordering", order.size(), size_t(ne));
   }
   assert(order.size() == size_t(ne));
   return order;

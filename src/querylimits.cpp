@@ -17,8 +17,8 @@ void poll() {
 }  // namespace
 
 TableTooLarge::TableTooLarge(std::size_t entries, std::size_t limit)
-    : std::runtime_error("a table of " + std::to_string(entries) + " entries exceeds the limit of " +
-                         std::to_string(limit)),
+    : std::runtime_error("a table of " + std::to_string(entries) +
+                         " entries exceeds the limit of " + std::to_string(limit)),
       entries_(entries),
       limit_(limit) {}
 
