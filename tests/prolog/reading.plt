@@ -1,0 +1,287 @@
+% Reading program files: every file problem and program error named with its
+% cause and place, the reading mode decided by directives, the clause checks,
+% safe mode, and a long program read in a small stack.
+:- use_module('../../prolog/cplogic').
+:- use_module('../../prolog/cplogic_read').
+:- use_module(test_support).
+:- use_module(library(plunit)).
+:- use_module(library(process)).
+:- use_module(library(lists)).
+:- use_module(library(apply)).
+:- use_module(library(yall)).
+:- use_module(library(time)).
+
+% The file Name in the current (temporary) directory, holding Text.
+file_with(Name, Text, Path) :-
+    setup_call_cleanup(open(Name, write, S, [type(binary)]),
+                       format(S, "~s", [Text]),
+                       close(S)),
+    absolute_file_name(Name, Path).
+
+% Terms-and-lines of a file, or the error reading it raised.
+read_all(File, Result) :-
+    retractall(seen(_, _)),
+    catch(( read_program(File, [T, _:L]>>assertz(seen(T, L)), []),
+            findall(T-L, seen(T, L), Result) ),
+          error(E, C), Result = error(E, C)).
+
+:- dynamic seen/2.
+
+% The error, as print_message/2 shows it, names File (and Line, when given).
+message_names(Error, File, Line) :-
+    message_to_codes(Error, Codes),
+    string_codes(Text, Codes),
+    (   var(Line)
+    ->  sub_string(Text, _, _, _, File)
+    ;   format(string(At), "~w:~w:", [File, Line]),
+        sub_string(Text, _, _, _, At)
+    ).
+
+message_to_codes(Error, Codes) :-
+    '$messages':translate_message(Error, Lines, []),
+    with_output_to(codes(Codes), print_message_lines(current_output, '', Lines)).
+
+uid_is_root :-
+    catch(( process_create(path(id), ['-u'], [stdout(pipe(O))]),
+            read_string(O, _, S), close(O) ), _, fail),
+    split_string(S, "", " \n", ["0"]).
+
+:- begin_tests(reading_files).
+
+% file_case(Name, Contents, ErrorFormal, Line): what each file raises.
+file_case(missing, none, existence_error(source_sink, _), _).
+file_case('dir', directory, cplogic_error(directory, _), _).
+file_case('fifo', fifo, cplogic_error(not_regular_file, _), _).
+file_case('nul.pl', "a:0.5.\nb\0\c:0.3.\n", cplogic_error(not_text(nul_byte), _), 2).
+file_case('latin1.pl', "a:0.5.\n% caf\xe9\\nb:0.2.\n",
+          cplogic_error(not_text(invalid_utf8), _), 2).
+file_case('binary.pl', [0x7f, 0'E, 0'L, 0'F, 2, 1, 1, 0, 0, 0, 3, 0, 0'>, 0'\n],
+          cplogic_error(not_text(_), _), 1).
+file_case('comment_first.pl', "% a program\na:0.5.\nb :- ( .\n",
+          syntax_error(_), 3).
+file_case('saved_bad.pl', "% theory\n(p) a:0.5 :- true.\n(p) hello world:0.5 :- true.\n",
+          syntax_error(_), 3).
+
+make_case(Name, none, Path) :- absolute_file_name(Name, Path).
+make_case(Name, directory, Path) :- make_directory(Name), absolute_file_name(Name, Path).
+make_case(Name, fifo, Path) :-
+    process_create(path(mkfifo), [Name], []),
+    absolute_file_name(Name, Path).
+make_case(Name, Text, Path) :- \+ atom(Text), file_with(Name, Text, Path).
+
+test(every_file_problem_named) :-
+    in_temp_dir(forall(file_case(Name, Contents, Formal, Line),
+                       ( make_case(Name, Contents, Path),
+                         call_with_time_limit(10, read_all(Path, Result)),  % a FIFO blocks
+                         assertion(Result = error(Formal, _)),
+                         assertion(message_names(Result, Path, Line)),
+                         % program_mode/2 opens files the same way
+                         (   Formal = syntax_error(_)
+                         ->  true
+                         ;   catch(program_mode(Path, _), error(F2, _), true),
+                             assertion(F2 = Formal)
+                         ) ))).
+
+test(bad_bytes_are_not_printed) :-
+    in_temp_dir(( file_with('latin1.pl', "a:0.5.\n% caf\xe9\\n", F),
+                  capture_stderr(read_all(F, _), Err) )),
+    assertion(Err == "").
+
+% Root reads any file: the unreadable case runs as nobody then.
+test(unreadable_file) :-
+    tmp_file_stream(text, F, S),
+    format(S, "a:0.5.~n", []),
+    close(S),
+    chmod_000(F),
+    module_property(cplogic_read, file(Lib)),
+    format(atom(Goal),
+           "use_module('~w'), catch(read_program('~w', [_,_]>>true, []), error(E, _), true), print(E)",
+           [Lib, F]),
+    current_prolog_flag(executable, Swipl),
+    (   uid_is_root
+    ->  process_create(path(setpriv), ['--reuid=65534', '--regid=65534', '--clear-groups',
+                                       Swipl, '-q', '-g', Goal, '-t', halt],
+                       [stdout(pipe(O))])
+    ;   process_create(Swipl, ['-q', '-g', Goal, '-t', halt], [stdout(pipe(O))])
+    ),
+    read_string(O, _, Out),
+    close(O),
+    delete_file(F),
+    assertion(sub_string(Out, 0, _, _, "permission_error(open,source_sink,")).
+
+chmod_000(F) :- process_create(path(chmod), ['000', F], []).
+
+test(file_name_types, [error(type_error(file_name, 42))]) :-
+    read_program(42, [_, _]>>true, []).
+
+:- end_tests(reading_files).
+
+:- begin_tests(reading_clauses).
+
+test(clauses_with_their_lines) :-
+    in_temp_dir(( file_with('p.pl', ":- dynamic q/1.\n\n% note\na:0.5 ;\n  b:0.2.\nc :- a.\n", F),
+                  read_all(F, R) )),
+    assertion(R == [(:- dynamic q/1)-1, (a:0.5 ; b:0.2)-4, (c :- a)-6]).
+
+test(saved_theory_rules) :-
+    in_temp_dir(( file_with('t.cpl', "% theory\n(p) a:0.5 ; b:0.3 :- c.\n ; d:0.2 :-  e, \\+f.\n", F),
+                  read_all(F, R) )),
+    assertion(R == [(a:0.5 ; b:0.3 :- c)-2, (d:0.2 :- e, \+ f)-3]).
+
+test(variable_names_and_encoding) :-
+    retractall(seen(_, _)),
+    in_temp_dir(( file_with('p.pl', ":- encoding(iso_latin_1).\np(X, 'caf\xe9\') :- q(X).\n", F),
+                  read_program(F, [T, _, Ns]>>assertz(seen(T, Ns)), [variable_names(true)]) )),
+    seen((p(V, A) :- q(V)), ['X'=V1]),
+    assertion(V == V1),
+    assertion(A == 'caf\xe9\').
+
+test(stops_when_the_callback_fails, [fail]) :-
+    in_temp_dir(( file_with('p.pl', "a.\nb.\n", F),
+                  read_program(F, [T, _]>>(T \== b), []) )).
+
+% Clause by clause: a long program reads in a stack that could not hold its
+% clauses (300,000 of at least 60 bytes each).
+test(long_program_in_small_stack) :-
+    in_temp_dir(( setup_call_cleanup(open('long.pl', write, S),
+                                     forall(between(1, 300000, I),
+                                            format(S, "p(c~d, d~d):0.5.~n", [I, I])),
+                                     close(S)),
+                  absolute_file_name('long.pl', F),
+                  thread_create(( read_program(F, count_clause, []),
+                                  nb_getval(read_count, 300000) ),
+                                Id, [stack_limit(8 000 000)]),
+                  thread_join(Id, Status) )),
+    assertion(Status == true).
+
+:- end_tests(reading_clauses).
+
+count_clause(_, _) :-
+    (   nb_current(read_count, N0) -> true ; N0 = 0 ),
+    N is N0 + 1,
+    nb_setval(read_count, N).
+
+:- begin_tests(reading_modes).
+
+test(mode_from_directives_only) :-
+    in_temp_dir(forall(member(Text-Mode,
+                              [ "% uses begin_lpad\na:0.5.\n"-lpad,
+                                "'begin_lpad'.\nb:0.5 :- 'end_lpad'.\n"-lpad,
+                                "h.\n:- begin_lpad.\na:0.5.\n:- end_lpad.\n"-prolog,
+                                "h.\n:- cplogic:begin_lpad.\na:0.5.\n:- cplogic:end_lpad.\n"-prolog,
+                                "h :- .\n:- begin_lpad.\na:0.5.\n:- end_lpad.\n"-prolog
+                              ]),
+                       ( file_with('p.pl', Text, F),
+                         program_mode(F, M),
+                         assertion(M == Mode) ))).
+
+test(blocks_that_are_not_one) :-
+    in_temp_dir(forall(member(Text-Culprit-Line,
+                              [ ":- begin_lpad.\na.\n:- end_lpad.\n:- begin_lpad.\nb.\n:- end_lpad.\n"-second_block-4,
+                                ":- begin_lpad.\n:- begin_lpad.\n"-second_block-2,
+                                "a.\n:- begin_lpad.\nb.\n"-unclosed_block-2,
+                                "a.\n:- end_lpad.\n"-unopened_block-2
+                              ]),
+                       ( file_with('p.pl', Text, F),
+                         catch(program_mode(F, _), E, true),
+                         assertion(E = error(cplogic_error(Culprit, F:Line), _)),
+                         assertion(message_names(E, F, Line)) ))).
+
+:- end_tests(reading_modes).
+
+:- begin_tests(clause_checks).
+
+check_text(Text, Error) :-
+    term_string(T, Text, [variable_names(Ns)]),
+    catch(check_clause(T, 'p.pl':7, Ns), error(Error, _), true).
+
+test(variable_body_goals) :-
+    forall(member(Text, ["a:0.5 :- X", "a :- b, X, c", "a :- \\+ X"]),
+           ( check_text(Text, E),
+             assertion(E = cplogic_error(variable_body_goal(_), 'p.pl':7)),
+             assertion(message_names(error(E, _), 'p.pl', 7)),
+             message_to_codes(error(E, _), Codes),
+             assertion(sub_atom_codes('goal X is', Codes)) )).
+
+sub_atom_codes(Sub, Codes) :-
+    atom_codes(A, Codes),
+    sub_atom(A, _, _, _, Sub).
+
+test(nonfinite_probabilities) :-
+    forall(member(Text-Class, [ "a:nan"-nan, "a:0.5 ; b:inf"-infinite,
+                                "a:inf-inf :- c"-nan, "-inf::a"-infinite ]),
+           ( check_text(Text, E),
+             assertion(E = cplogic_error(nonfinite_probability(_, Class), 'p.pl':7)) )).
+
+test(accepted_clauses) :-
+    forall(member(Text, [ "a:0.5 :- b, \\+ c, X = 1, X > 0", "a", "a:1/3 ; b:x",
+                          "0.5::a :- b", "a :- call(G)" ]),
+           ( check_text(Text, E), assertion(var(E)) )).
+
+:- end_tests(clause_checks).
+
+safe_helper(X) :- atom_length(X, _).
+unsafe_helper(X) :- shell(X).
+
+:- begin_tests(safe_mode).
+
+test(goals_by_sandbox) :-
+    forall(member(G-Safe, [ safe_helper(a)-true, member(_, [a])-true, format("~w", [a])-true,
+                            no_such_predicate(1)-true, shell(ls)-false,
+                            unsafe_helper(ls)-false, (safe_helper(a), unsafe_helper(b))-false,
+                            call(_)-false, open(f, write, _)-false ]),
+           ( catch(check_safe_body_goal(G, 'p.pl':3), E, true),
+             (   Safe == true
+             ->  assertion(var(E))
+             ;   assertion(E = error(cplogic_error(unsafe_goal(_, _), 'p.pl':3), _))
+             ) )).
+
+test(message_names_goal_and_clause) :-
+    term_string(G, "unsafe_helper(Cmd)", [variable_names(Ns)]),
+    catch(check_safe_body_goal(G, 'p.pl':3, Ns), E, true),
+    message_to_codes(E, Codes),
+    atom_codes(Text, Codes),
+    assertion(sub_atom(Text, 0, _, _, 'p.pl:3: body goal unsafe_helper(Cmd) is refused')),
+    assertion(sub_atom(Text, _, _, _, 'shell/2')).
+
+% A file with blocks loads sandboxed: its own directives are checked, the
+% block directives and the library are allowed.
+test(sandboxed_block_file) :-
+    module_property(cplogic, file(Lib)),
+    retractall(refused(_)),
+    in_temp_dir(( format(string(Text),
+                         ":- use_module('~w').~n:- shell('touch ran').~nh(bob).~n:- begin_lpad.~nf(X):0.4 :- h(X).~n:- end_lpad.~n",
+                         [Lib]),
+                  file_with('p.pl', Text, F),
+                  safe_m:use_module(Lib),
+                  setup_call_cleanup(
+                      asserta((user:message_hook(E, error, _) :- assertz(refused(E))), Ref),
+                      load_files(safe_m:F, [sandboxed(true)]),
+                      erase(Ref)),
+                  assertion(\+ exists_file(ran)) )),
+    assertion(refused(error(permission_error(call, sandboxed, _), _))),
+    prob(safe_m:f(bob), P),
+    assertion(near(P, 0.4)).
+
+:- dynamic refused/1.
+
+:- end_tests(safe_mode).
+
+% What lpad_load/1 already does with the reproducers.
+:- begin_tests(lpad_load_reading).
+
+test(named_errors) :-
+    in_temp_dir(( absolute_file_name('missing.pl', Missing),
+                  catch(lpad_load(Missing), E1, true),
+                  assertion(E1 = error(existence_error(source_sink, _), _)),
+                  file_with('syn.pl', "a:0.5.\nb :- ( .\n", Syn),
+                  catch(lpad_load(Syn), E2, true),
+                  assertion(message_names(E2, Syn, 2)) )).
+
+test(saved_theory_loads) :-
+    in_temp_dir(( file_with('t.cpl', "% theory\n(p) a:0.5 ; b:0.3 :- true.\n(p) c:0.5 :-  a.\n", F),
+                  lpad_load(F),
+                  prob(c, P) )),
+    assertion(near(P, 0.25)).
+
+:- end_tests(lpad_load_reading).
