@@ -25,12 +25,15 @@ Where a clause stands is `File:Line`, File the absolute path. Errors:
     bytes that are not UTF-8 (Why is nul_byte or invalid_utf8).
   - error(syntax_error(What), file(Path, Line, LinePos, CharNo)): a clause
     that is not Prolog syntax.
+  - error(cplogic_error(unreadable_clause(resource_error(R)), Path:Line), _):
+    a clause too deep or too large to read (R is c_stack for nesting).
   - error(cplogic_error(Block, Path:Line), _), Block one of second_block,
     unopened_block, unclosed_block: begin_lpad/end_lpad directives that
     do not make one block.
   - error(cplogic_error(variable_body_goal(Var), Where), _),
-    error(cplogic_error(nonfinite_probability(Expr, Class), Where), _):
-    clause checks.
+    error(cplogic_error(nonfinite_probability(Expr, Class), Where), _),
+    error(cplogic_error(argumentless_compound(Term), Where), _): clause
+    checks.
   - error(cplogic_error(unsafe_goal(Goal, Reason), Where), _): a body
     goal refused in safe mode.
 
@@ -50,6 +53,7 @@ cplogic library safe directives.
 :- use_module(library(lists)).
 :- use_module(library(sandbox)).
 :- use_module(library(yall)).
+:- use_module(library(occurs)).
 
 :- meta_predicate
     read_program(+, 3, +),
@@ -206,19 +210,25 @@ read_loop(Ctx, OnTerm, S0, S) :-
     ;   read_loop(Ctx, OnTerm, S0, S)     % a skipped clause
     ).
 
-% next_term(+Ctx, -Term, -Where, -Names) fails for a skipped clause.
+% next_term(+Ctx, -Term, -Where, -Names) fails for a skipped clause. A
+% clause nested too deeply for the reader's C stack raises a resource
+% error, which is located at the line where reading started.
 next_term(ctx(In, Path, M, Tolerate, Saved), Term, Path:Line, Names) :-
-    (   Saved == true -> skip_saved_prefix(In) ; true ),
+    skip_layout(In, Saved),
+    line_count(In, Start),
     catch(read_term(In, Term,
                     [ term_position(Pos), variable_names(Names), module(M) ]),
-          error(syntax_error(What), Context),
+          error(Formal, Context),
           true),
     bytes_were_text(In, Path),
-    (   var(What)
+    (   var(Formal)
     ->  stream_position_data(line_count, Pos, Line)
-    ;   Tolerate == true
-    ->  fail
-    ;   syntax_error(Path, What, Context)
+    ;   Formal = syntax_error(What)
+    ->  Tolerate == false,
+        syntax_error(Path, What, Context)
+    ;   Formal = resource_error(_)
+    ->  reader_error(unreadable_clause(Formal), Path:Start)
+    ;   throw(error(Formal, Context))
     ).
 
 bytes_were_text(In, Path) :-
@@ -279,17 +289,27 @@ encoding_directive(Term, In) :-
 saved_theory(In, Saved) :-
     (   peek_string(In, 2, "% ") -> Saved = true ; Saved = false ).
 
-skip_saved_prefix(In) :-
+% Blanks and line comments before a clause are skipped here, so that the
+% line where reading starts is the clause's own.
+skip_layout(In, Saved) :-
     peek_char(In, C),
-    (   C \== end_of_file, char_type(C, space)
+    (   C == end_of_file
+    ->  true
+    ;   char_type(C, space)
     ->  get_char(In, _),
-        skip_saved_prefix(In)
+        skip_layout(In, Saved)
     ;   C == '%'
     ->  skip(In, 0'\n),
-        skip_saved_prefix(In)
-    ;   peek_string(In, 4, "(p) ")
+        skip_layout(In, Saved)
+    ;   Saved == true
+    ->  saved_prefix(In)
+    ;   true
+    ).
+
+saved_prefix(In) :-
+    (   peek_string(In, 4, "(p) ")
     ->  read_string(In, 4, _)
-    ;   C == (;)
+    ;   peek_char(In, ;)
     ->  get_char(In, _)
     ;   true
     ).
@@ -307,8 +327,10 @@ reader_error(Culprit, Where) :-
 %   Raises an error naming the clause at Where for what the program
 %   reader would otherwise take wrongly: a body goal that is a variable
 %   (in the body's conjunction or under \+), and a head probability that
-%   evaluates to nan or an infinity (heads `H:P` and `P::H`). VarNames,
-%   as read_term/3 gives them, name the variables in the message.
+%   evaluates to nan or an infinity (heads `H:P` and `P::H`), and a
+%   compound without arguments such as `f()` anywhere in the clause, which
+%   functor/3 and =../2 refuse. VarNames, as read_term/3 gives them, name
+%   the variables in the message.
 check_clause(Clause, Where) :-
     check_clause(Clause, Where, []).
 
@@ -317,7 +339,11 @@ check_clause(Clause, Where, Names) :-
     ->  check_body(Body, Where, Names)
     ;   Head = Clause
     ),
-    check_head(Head, Where).
+    check_head(Head, Where),
+    (   sub_term(S, Clause), compound(S), compound_name_arity(S, _, 0)
+    ->  reader_error(argumentless_compound(S), Where)
+    ;   true
+    ).
 
 check_body(G, Where, Names) :-
     (   var(G)
@@ -410,9 +436,9 @@ prolog:message(error(cplogic_error(Culprit, Where), _)) -->
 reader_culprit(C) :-
     nonvar(C),
     functor(C, Name, _),
-    memberchk(Name, [ directory, not_regular_file, not_text, second_block,
+    memberchk(Name, [ directory, not_regular_file, not_text, unreadable_clause, second_block,
                       unopened_block, unclosed_block, variable_body_goal,
-                      nonfinite_probability, unsafe_goal ]).
+                      nonfinite_probability, argumentless_compound, unsafe_goal ]).
 
 location(File:Line) --> !, [ '~w:~w: '-[File, Line] ].
 location(File) --> [ '~w: '-[File] ].
@@ -424,6 +450,11 @@ culprit(not_text(nul_byte)) -->
     [ 'not a text file: a NUL byte on this line' ].
 culprit(not_text(invalid_utf8)) -->
     [ 'not a text file: bytes on this line are not UTF-8' ].
+culprit(unreadable_clause(resource_error(c_stack))) -->
+    !,
+    [ 'the clause from this line is nested too deeply to be read' ].
+culprit(unreadable_clause(Formal)) -->
+    [ 'the clause from this line cannot be read: ~p'-[Formal] ].
 culprit(second_block) -->
     [ 'a second begin_lpad: a file holds one begin_lpad/end_lpad block' ].
 culprit(unopened_block) --> [ 'end_lpad without a begin_lpad before it' ].
@@ -434,6 +465,8 @@ culprit(nonfinite_probability(P, nan)) -->
     [ 'probability ~p is not a number (nan)'-[P] ].
 culprit(nonfinite_probability(P, infinite)) -->
     [ 'probability ~p is infinite, not a number between 0 and 1'-[P] ].
+culprit(argumentless_compound(T)) -->
+    [ '~q is a compound term without arguments: write it as an atom'-[T] ].
 culprit(unsafe_goal(G, Reason)) -->
     [ 'body goal ~p is refused in safe mode: '-[G] ],
     unsafe_reason(Reason).

@@ -136,6 +136,19 @@ test(variable_names_and_encoding) :-
     assertion(V == V1),
     assertion(A == 'caf\xe9\').
 
+test(too_deep_to_read) :-
+    length(Opens, 200000), maplist(=(0'f), Opens),
+    in_temp_dir(( setup_call_cleanup(open('deep.pl', write, S),
+                                     ( format(S, "a.~n~nb(", []),
+                                       forall(member(_, Opens), format(S, "f(", [])),
+                                       format(S, "x", []),
+                                       forall(member(_, Opens), format(S, ")", [])),
+                                       format(S, ").~n", []) ),
+                                     close(S)),
+                  absolute_file_name('deep.pl', F),
+                  read_all(F, R) )),
+    assertion(R = error(cplogic_error(unreadable_clause(resource_error(_)), F:3), _)).
+
 test(stops_when_the_callback_fails, [fail]) :-
     in_temp_dir(( file_with('p.pl', "a.\nb.\n", F),
                   read_program(F, [T, _]>>(T \== b), []) )).
