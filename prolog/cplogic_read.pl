@@ -37,14 +37,14 @@ Where a clause stands is `File:Line`, File the absolute path. Errors:
   - error(cplogic_error(unsafe_goal(Goal, Reason), Where), _): a body
     goal refused in safe mode.
 
-Safe mode. `lpad_load(File, [safe(true)])` and `bin/cplogic --safe` are
-for program files from elsewhere: every body goal that runs as Prolog
-while grounding (not the program's own atoms) goes through
-check_safe_body_goal/2 before the program is installed, and a file with
-begin_lpad/end_lpad blocks is consulted with
-`load_files(Module:File, [sandboxed(true)])`, which refuses unsafe
-directives; this module declares begin_lpad/end_lpad and loading the
-cplogic library safe directives.
+Safe mode is for program files from elsewhere (lpad_load/2 with
+safe(true), `bin/cplogic --safe`): before a program is installed, every
+body goal that runs as Prolog while grounding (not the program's own
+atoms) goes through check_safe_body_goal/2, and a file with
+begin_lpad/end_lpad blocks is consulted with `load_files(Module:File,
+[sandboxed(true)])`, which refuses unsafe directives. This module
+declares begin_lpad, end_lpad and loading the cplogic library safe
+directives for that load.
 */
 
 :- use_module(library(error)).
@@ -90,14 +90,14 @@ cplogic library safe directives.
 %   "(p) " or ";", as a saved theory is written. An encoding/1 directive
 %   switches the stream's encoding, as consult/1 does.
 read_program(File, OnClause, Options) :-
-    option(variable_names(Names), Options, false),
-    must_be(boolean, Names),
+    option(variable_names(WithNames), Options, false),
+    must_be(boolean, WithNames),
     option(module(M), Options, user),
     must_be(atom, M),
     with_program_stream(File, Path, In,
                         ( saved_theory(In, Saved),
                           read_loop(ctx(In, Path, M, false, Saved),
-                                    call_clause(Names, OnClause), none, _)
+                                    call_clause(WithNames, OnClause), none, _)
                         )).
 
 call_clause(false, OnClause, Term, Where, _, S, S) :-
@@ -225,7 +225,7 @@ next_term(ctx(In, Path, M, Tolerate, Saved), Term, Path:Line, Names) :-
     ->  stream_position_data(line_count, Pos, Line)
     ;   Formal = syntax_error(What)
     ->  Tolerate == false,
-        syntax_error(Path, What, Context)
+        located_syntax_error(Path, What, Context)
     ;   Formal = resource_error(_)
     ->  reader_error(unreadable_clause(Formal), Path:Start)
     ;   throw(error(Formal, Context))
@@ -239,7 +239,7 @@ bytes_were_text(In, Path) :-
 
 % Binary content usually shows first as a syntax error: a NUL byte in the
 % file names the file as not text instead.
-syntax_error(Path, What, Context) :-
+located_syntax_error(Path, What, Context) :-
     (   nul_byte_line(Path, Line)
     ->  reader_error(not_text(nul_byte), Path:Line)
     ;   Context = stream(_, Line, LinePos, CharNo)
@@ -407,12 +407,12 @@ sandbox:safe_directive(M:Directive) :-
 safe_program_directive(begin_lpad).
 safe_program_directive(end_lpad).
 safe_program_directive(use_module(Spec)) :-
-    cplogic_library(Spec).
+    is_cplogic_library(Spec).
 safe_program_directive(use_module(Spec, _)) :-
-    cplogic_library(Spec).
+    is_cplogic_library(Spec).
 
 % Loading the cplogic library itself (by any path) runs no program code.
-cplogic_library(Spec) :-
+is_cplogic_library(Spec) :-
     ground(Spec),
     prolog_load_context(directory, Dir),
     absolute_file_name(Spec, File, [ file_type(prolog), access(read),
