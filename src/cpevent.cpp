@@ -162,6 +162,9 @@ void CPEvent::setHead(AtomDoubles& head) {
 }
 
 bool CPEvent::excludesHeldBodies(const std::vector<AtomValuePair<int>>& sorted) const {
+  // Rules placed directly are not held, so nothing shows they exclude it.
+  if (size_t(rule_count_) != sorted_bodies_.size())
+    return false;
   for (const auto& held : sorted_bodies_) {
     bool excluded = false;
     size_t i = 0, j = 0;
@@ -225,14 +228,17 @@ void CPEvent::addEdges(const std::vector<AtomValuePair<int>>& body, bool first, 
     Atom* b = literal.atom_;
     choice_atom_->addInAtom(b);
     b->addOutAtom(choice_atom_);
-    if (!first) {
-      for (const auto& other : body) {
-        if (other.atom_ != b)
-          b->addSiblingAtom(other.atom_);
-      }
-    }
     if (!direct)
       ++literal_counts_[b];
+  }
+  if (!first && body.size() > 1) {
+    // Linking every pair of a body costs its square; only the rankings that
+    // count siblings need the links, so they are made when one of them runs.
+    std::vector<Atom*> atoms;
+    atoms.reserve(body.size());
+    for (const auto& literal : body)
+      atoms.push_back(literal.atom_);
+    theory_->deferSiblings(std::move(atoms));
   }
 }
 
@@ -329,8 +335,7 @@ int CPEvent::addEventToTree(AtomDoubles& head, std::vector<AtomValuePair<int>>& 
       continue;
     }
     // A fresh node: the remaining literals become a path, the most shared first.
-    std::sort(step.rest.begin(), step.rest.end(),
-              AtomValuePair<int>::CmpWithCnt(&literal_counts_));
+    std::sort(step.rest.begin(), step.rest.end(), AtomValuePair<int>::CmpWithCnt(&literal_counts_));
     int depth = step.depth;
     for (const auto& literal : step.rest) {
       size_t value = static_cast<size_t>(literal.value_);
@@ -380,8 +385,7 @@ int CPEvent::convertToConfactors(Confactors* out, CVE* engine, bool tables,
   return convertToConfactorsAsTree(out, engine, tables, evidence);
 }
 
-void CPEvent::confactorsAsConjunctionChain(Confactors* out, CVE* engine,
-                                           const AtomBody* evidence) {
+void CPEvent::confactorsAsConjunctionChain(Confactors* out, CVE* engine, const AtomBody* evidence) {
   // The one rule's body is the path to the tree's only leaf.
   std::vector<AtomValuePair<int>> body;
   const CPBodyAtom* node = body_tree_;
@@ -408,10 +412,12 @@ void CPEvent::confactorsAsConjunctionChain(Confactors* out, CVE* engine,
   // Observed literals are decided now; the others are chained.
   std::vector<AtomValuePair<int>> open;
   for (const auto& literal : body) {
-    auto observed = evidence != nullptr ? evidence->find(literal.atom_) : AtomBody::const_iterator();
+    auto observed =
+        evidence != nullptr ? evidence->find(literal.atom_) : AtomBody::const_iterator();
     if (evidence != nullptr && observed != evidence->end()) {
       if (observed->second != literal.value_) {
-        out->push_back(tableGiven({c}, c, evidence, [&](const AtomBody& x) { return leaf(x, false); }));
+        out->push_back(
+            tableGiven({c}, c, evidence, [&](const AtomBody& x) { return leaf(x, false); }));
         return;
       }
       continue;
@@ -524,7 +530,6 @@ int CPEvent::confactorsFromSubtree(Confactors* out, CPBodyAtom* node, std::vecto
   }
   return total;
 }
-
 
 // ---------------------------------------------------------------------------
 // Text forms.

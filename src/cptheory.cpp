@@ -104,10 +104,24 @@ CPEvent* CPTheory::addParsedEvent(AtomDoubles& head, std::vector<AtomValuePair<i
   if (head.size() > kMaxEventHead)
     return addSplitEvent(head, body);
   if (compile_bodies_ && !body.empty() && !head.empty()) {
-    // The events whose head holds the first head atom are its parents.
-    std::vector<Atom*> parents = head[0].atom_->in_;
-    for (Atom* parent : parents) {
-      if (parent->event_ != nullptr && parent->event_->addParsedEvent(head, body, false))
+    // An event can take the rule only if every body it holds excludes this
+    // one, so it tests an atom of this body: its choice atom is a child of
+    // one of the body atoms and a parent of the first head atom. Looking
+    // there instead of at all the head atom's causes keeps adding n causes
+    // of one atom linear.
+    Atom* first = head[0].atom_;
+    std::vector<Atom*> candidates;
+    for (const auto& literal : body) {
+      for (Atom* child : literal.atom_->out_) {
+        if (child->event_ != nullptr &&
+            std::binary_search(first->in_.begin(), first->in_.end(), child, Atom::CmpId()))
+          candidates.push_back(child);
+      }
+    }
+    std::sort(candidates.begin(), candidates.end(), Atom::CmpId());
+    candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
+    for (Atom* parent : candidates) {
+      if (parent->event_->addParsedEvent(head, body, false))
         return parent->event_;
     }
   }
@@ -183,6 +197,8 @@ void CPTheory::compile() {
       initAtom(atom);
   }
   delete uncaused;
+  if (weight_heuristic_ >= 1 && weight_heuristic_ <= 5)
+    linkSiblings();
   updateRanking();
   // Rules held while bodies were compiled stay held after the switch is
   // turned off; they are placed all the same.
@@ -192,6 +208,19 @@ void CPTheory::compile() {
     max_rank_ = std::max(max_rank_, entry.second->rank_);
   srand(static_cast<unsigned>(time(0)));
   needs_update_ = false;
+}
+
+void CPTheory::deferSiblings(std::vector<Atom*> body) {
+  unlinked_siblings_.push_back(std::move(body));
+}
+
+void CPTheory::linkSiblings() {
+  for (const std::vector<Atom*>& body : unlinked_siblings_)
+    for (Atom* b : body)
+      for (Atom* other : body)
+        if (other != b)
+          b->addSiblingAtom(other);
+  unlinked_siblings_.clear();
 }
 
 void CPTheory::compileBodies() {

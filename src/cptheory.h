@@ -35,6 +35,8 @@ class CPTheory : public ConfactorNetworkBase {
   bool compile_bodies_;
   // The highest rank given by the last compile; auxiliary atoms rank above.
   int max_rank_;
+  // Rule bodies whose atoms are not yet linked as siblings.
+  std::vector<std::vector<Atom*>> unlinked_siblings_;
   // The weight heuristic that orders each query's eliminations greedily
   // (min-fill over the confactors the query needs) instead of by rank.
   static const int kGreedyOrder = 6;
@@ -94,6 +96,11 @@ class CPTheory : public ConfactorNetworkBase {
   // is registered, no weight, rank or setting changes.
   // REQUIRES: q (when not null) and the atoms of evidence belong to this theory.
   std::vector<double> jointProbabilities(Atom* q, const AtomBody& evidence);
+
+  // Atoms of one rule body, to be made siblings of each other before a
+  // ranking that counts siblings runs (linkSiblings).
+  void deferSiblings(std::vector<Atom*> body);
+  void linkSiblings();
 
   // A new engine (owned by the caller) for q given the observations set: the
   // confactors of the atoms and events that q and the observations depend
