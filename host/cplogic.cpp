@@ -1,8 +1,14 @@
 // The cplogic module: the object type "vorn_cp_theory", the module entry and
 // the eleven vorn_cp_theory_* predicates, cplogic_hugin_net/3 and
-// cplogic_prob/4.
+// cplogic_prob/4,5.
+
+#include <chrono>
+#include <cstdint>
+#include <iostream>
+#include <string>
 
 #include "pelmcollectable.h"
+#include "querylimits.h"
 #include "stdpelm.h"
 #include "vorncptheory.h"
 
@@ -33,10 +39,62 @@ VornCPTheory* theoryArgument(PelmMachine* machine, long id) {
   return HeapGetFromTerm<VornCPTheoryCollectable>(id, "vorn_cp_theory")->object_.get();
 }
 
-// Calls method on the theory of argument 1.
+// The largest table a call may build unless its options say otherwise:
+// 2^24 entries (128 MB of doubles), so that one query cannot take the
+// machine.
+constexpr std::size_t kDefaultMaxTableEntries = std::size_t(1) << 24;
+
+struct CallOptions {
+  std::size_t max_table_entries = kDefaultMaxTableEntries;  // 0: no bound
+  bool progress = false;
+};
+
+// One line on user_error per report, the first once the call has run for a
+// second, then at most four a second.
+class ProgressLines {
+ public:
+  ProgressLines() : next_(std::chrono::steady_clock::now() + std::chrono::seconds(1)) {}
+
+  void operator()(const char* phase, std::size_t done, std::size_t total) {
+    auto now = std::chrono::steady_clock::now();
+    if (now < next_) {
+      return;
+    }
+    next_ = now + std::chrono::milliseconds(250);
+    std::cerr << "% cplogic: " << phase << " " << done << "/" << total << std::endl;
+  }
+
+ private:
+  std::chrono::steady_clock::time_point next_;
+};
+
+std::string tableTooLargeMessage(const TableTooLarge& e) {
+  std::string size =
+      e.entries_ == SIZE_MAX ? "more than " + std::to_string(SIZE_MAX) : std::to_string(e.entries_);
+  return "the query needs a table of " + size + " entries, more than max_table_entries(" +
+         std::to_string(e.limit_) + ")";
+}
+
+// Calls method on the theory of argument 1 with the call's limits installed:
+// a table larger than the bound raises resource_error(table_entries), and a
+// signal handler's exception (a time limit, Ctrl-C) ends the call unchanged.
 template <class Method>
-int withTheory(PelmMachine* machine, Method method) {
-  return method(theoryArgument(machine, machine->argument(1)));
+int withTheory(PelmMachine* machine, Method method, const CallOptions& options = CallOptions()) {
+  VornCPTheory* theory = theoryArgument(machine, machine->argument(1));
+  QueryLimits limits;
+  limits.max_table_entries = options.max_table_entries;
+  limits.interrupted = pelm_handle_signals;
+  if (options.progress) {
+    limits.progress = ProgressLines();
+  }
+  ScopedQueryLimits installed(limits);
+  try {
+    return method(theory);
+  } catch (const TableTooLarge& e) {
+    pelm_resource_error("table_entries", tableTooLargeMessage(e));
+  } catch (const QueryInterrupted&) {
+    pelm_raise_pending();
+  }
 }
 
 // vorn_cp_theory_set_settings(+Theory, +CompileFlag, +Int, +Conversion,
@@ -48,16 +106,76 @@ int vorn_cp_theory_set_settings(PelmMachine* m) {
   });
 }
 
-// A query predicate (+Theory, +Query, +Evidence, ?Prob).
-int queryPredicate(PelmMachine* m, bool print) {
-  return withTheory(m, [m, print](VornCPTheory* t) {
-    return pelm_unify_float(m->argument(4), t->probability(m->argument(2), m->argument(3), print));
-  });
+// Option Name(Value) or Name = Value: its name, and its value in *value.
+std::string optionName(long option, PelmTermTable& table, long* value) {
+  if (pelm_is_var(option)) {
+    pelm_instantiation_error();
+  }
+  static const PelmFunctorId equals = func_lookup("=", 2);
+  if (pelm_is_structure(option)) {
+    PelmFunctorId f = pelm_functor_id(option);
+    if (pelm_functor_arity(f) == 1) {
+      *value = table.arg(option, 1);
+      return pelm_functor_name(f);
+    }
+    if (f == equals) {
+      long name = table.arg(option, 1);
+      *value = table.arg(option, 2);
+      return PELM_atom(name).text();
+    }
+  }
+  pelm_domain_error("cplogic_option", option);
 }
 
-// cplogic_prob(+Theory, +Query, +Evidence, -Prob)
+// max_table_entries(N), N a positive integer or inf (no bound), and
+// progress(Bool); other options are left to the callers that share the list.
+CallOptions readOptions(long list) {
+  pelm_must_be_list(list);
+  CallOptions options;
+  PelmTermTable table;
+  PelmListWalk walk(table, list);
+  while (walk.next()) {
+    long value = 0;
+    std::string name = optionName(walk.head(), table, &value);
+    if (name == "max_table_entries") {
+      if (pelm_is_atom(value) && PELM_atom(value).text() == "inf") {
+        options.max_table_entries = 0;
+        continue;
+      }
+      int64_t n = pelm_must_be_integer(value);
+      if (n < 1) {
+        pelm_domain_error("max_table_entries", value, "a positive integer or inf");
+      }
+      options.max_table_entries = static_cast<std::size_t>(n);
+    } else if (name == "progress") {
+      std::string b = pelm_is_atom(value) ? PELM_atom(value).text() : "";
+      if (b != "true" && b != "false") {
+        if (pelm_is_var(value)) {
+          pelm_instantiation_error();
+        }
+        pelm_type_error("bool", value);
+      }
+      options.progress = b == "true";
+    }
+  }
+  return options;
+}
+
+// A query predicate (+Theory, +Query, +Evidence, ?Prob).
+int queryPredicate(PelmMachine* m, bool print, const CallOptions& options = CallOptions()) {
+  return withTheory(
+      m,
+      [m, print](VornCPTheory* t) {
+        double p = t->probability(m->argument(2), m->argument(3), print);
+        return pelm_unify_float(m->argument(4), p);
+      },
+      options);
+}
+
+// cplogic_prob(+Theory, +Query, +Evidence, -Prob) and
+// cplogic_prob(+Theory, +Query, +Evidence, -Prob, +Options)
 int cplogic_prob(PelmMachine* m) {
-  return queryPredicate(m, false);
+  return queryPredicate(m, false, m->arity() == 5 ? readOptions(m->argument(5)) : CallOptions());
 }
 
 // vorn_cp_theory_query_silent(+Theory, +Query, +Evidence, ?Prob)
@@ -157,4 +275,5 @@ const PelmPredicate pelm_module_predicates_cplogic_cplogic[] = {
     {"vorn_cp_theory_atom_in_table", 3, vorn_cp_theory_atom_in_table},
     {"cplogic_hugin_net", 3, cplogic_hugin_net},
     {"cplogic_prob", 4, cplogic_prob},
+    {"cplogic_prob", 5, cplogic_prob},
     {nullptr, 0, nullptr}};

@@ -5,13 +5,13 @@
 #include <SWI-Stream.h>
 
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <mutex>
 #include <new>
 #include <streambuf>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -24,22 +24,10 @@ PelmHeap the_pelm_heap;
 
 namespace {
 
-// The core is not reentrant: one call at a time in the whole process.
-std::mutex g_call_lock;
-
-// ---- Identifiers ------------------------------------------------------------
-// Interned atoms stay registered, so that SWI never reuses their handles for
-// other texts while an identifier may still be in use.
-
-struct FunctorInfo {
-  PelmAtomId name;
-  int arity;
-};
-
-std::unordered_map<atom_t, PelmAtomId> g_atom_ids;
-std::vector<std::string> g_atom_texts;
-std::unordered_map<functor_t, PelmFunctorId> g_functor_ids;
-std::vector<FunctorInfo> g_functors;
+// The core is not reentrant: one call at a time in the whole process, and
+// none from a signal handler that runs inside a call of the same thread.
+std::timed_mutex g_call_lock;
+thread_local bool t_in_call = false;
 
 std::string atom_text(atom_t a) {
   // The empty list is a reserved symbol without text of its own in SWI-Prolog 7+.
@@ -52,30 +40,6 @@ std::string atom_text(atom_t a) {
     return std::string();
   }
   return std::string(s, len);
-}
-
-PelmAtomId intern_atom(atom_t a) {
-  auto found = g_atom_ids.find(a);
-  if (found != g_atom_ids.end()) {
-    return found->second;
-  }
-  PL_register_atom(a);
-  PelmAtomId id = static_cast<PelmAtomId>(g_atom_texts.size());
-  g_atom_ids.emplace(a, id);
-  g_atom_texts.push_back(atom_text(a));
-  return id;
-}
-
-PelmFunctorId intern_functor(functor_t f) {
-  auto found = g_functor_ids.find(f);
-  if (found != g_functor_ids.end()) {
-    return found->second;
-  }
-  PelmFunctorId id = static_cast<PelmFunctorId>(g_functors.size());
-  g_functor_ids.emplace(f, id);
-  g_functors.push_back(
-      FunctorInfo{intern_atom(PL_functor_name(f)), static_cast<int>(PL_functor_arity(f))});
-  return id;
 }
 
 // ---- Output -----------------------------------------------------------------
@@ -179,6 +143,8 @@ class OutputRedirect {
 // ---- Heap and object handles ------------------------------------------------
 
 std::vector<Collectable*> g_heap;
+// Indices whose handles were collected, for new objects.
+std::vector<int> g_free_indices;
 
 // Blobs are released by SWI's atom garbage collector, possibly in another
 // thread and while a call holds g_call_lock: the release hook only queues the
@@ -198,6 +164,11 @@ void destroy_collectable(int index) {
   ::operator delete(static_cast<void*>(c));
 }
 
+// Reserved beforehand, so that pushing an index cannot throw.
+void reserve_free_index() {
+  g_free_indices.reserve(g_heap.size());
+}
+
 // REQUIRES: g_call_lock held.
 void free_released_objects() {
   std::vector<int> released;
@@ -205,10 +176,12 @@ void free_released_objects() {
     std::lock_guard<std::mutex> lock(g_released_lock);
     released.swap(g_released);
   }
+  reserve_free_index();
   for (int index : released) {
     Collectable* c = g_heap[index];
     if (c != nullptr && !c->NeededByC()) {
       destroy_collectable(index);
+      g_free_indices.push_back(index);
     }
   }
 }
@@ -237,8 +210,13 @@ PL_blob_t make_handle_blob() {
 
 PL_blob_t g_handle_blob = make_handle_blob();
 
+// At halt, for leak checkers. A halt from a signal handler inside a call, or
+// while another thread's call does not end, leaves the objects to the exit.
 int free_all_objects(int, void*) {
-  std::lock_guard<std::mutex> lock(g_call_lock);
+  std::unique_lock<std::timed_mutex> lock(g_call_lock, std::defer_lock);
+  if (t_in_call || !lock.try_lock_for(std::chrono::seconds(1))) {
+    return 0;
+  }
   for (size_t i = 0; i < g_heap.size(); ++i) {
     if (g_heap[i] != nullptr) {
       destroy_collectable(static_cast<int>(i));
@@ -276,7 +254,9 @@ int pelm_new(PelmMachine* m) {
   if (type == nullptr) {
     return PL_existence_error("pelm_type", name_term);
   }
-  g_heap.reserve(g_heap.size() + 1);  // nothing can throw once the object exists
+  // Nothing may throw once the object exists.
+  g_heap.reserve(g_heap.size() + 1);
+  reserve_free_index();
   void* memory = ::operator new(PELM_SLOT_SIZE);
   Collectable* slot = static_cast<Collectable*>(memory);
   int made = 0;
@@ -291,7 +271,13 @@ int pelm_new(PelmMachine* m) {
     return 0;
   }
   ObjectHandle handle{static_cast<int>(g_heap.size()), type};
-  g_heap.push_back(slot);
+  if (g_free_indices.empty()) {
+    g_heap.push_back(slot);
+  } else {
+    handle.index = g_free_indices.back();
+    g_free_indices.pop_back();
+    g_heap[handle.index] = slot;
+  }
   return PL_unify_blob(m->argument(m->arity()), &handle, sizeof handle, &g_handle_blob);
 }
 
@@ -351,14 +337,78 @@ foreign_t raise_error(const PelmPredicate& p, const char* text, long culprit) {
   return built ? PL_raise_exception(ex) : FALSE;
 }
 
+// Raises error(Formal, context(Name/Arity, Text)) for predicate p; false when
+// the term could not be built (SWI's own error is then pending).
+bool raise_formal(const PelmPredicate& p, term_t formal, const char* text) {
+  term_t ex = PL_new_term_ref();
+  if (ex == 0 || !PL_unify_term(ex, PL_FUNCTOR_CHARS, "error", 2, PL_TERM, formal, PL_FUNCTOR_CHARS,
+                                "context", 2, PL_FUNCTOR_CHARS, "/", 2, PL_CHARS, p.name, PL_INT,
+                                p.arity, PL_UTF8_CHARS, text)) {
+    return false;
+  }
+  PL_raise_exception(ex);
+  return true;
+}
+
+foreign_t raise_memory_error(const PelmPredicate& p) {
+  term_t formal = PL_new_term_ref();
+  bool raised = formal != 0 &&
+                PL_unify_term(formal, PL_FUNCTOR_CHARS, "resource_error", 1, PL_CHARS, "memory") &&
+                raise_formal(p, formal, "a table or a term does not fit in memory");
+  if (!raised && !PL_exception(0)) {
+    PL_resource_error("memory");
+  }
+  return FALSE;
+}
+
+foreign_t raise_reentered(const PelmPredicate& p) {
+  term_t formal = PL_new_term_ref();
+  if (formal != 0 &&
+      PL_unify_term(formal, PL_FUNCTOR_CHARS, "permission_error", 3, PL_CHARS, "enter", PL_CHARS,
+                    "cplogic", PL_FUNCTOR_CHARS, "/", 2, PL_CHARS, p.name, PL_INT, p.arity)) {
+    raise_formal(p, formal, "called from a signal handler while a call of the same thread runs");
+  }
+  return FALSE;
+}
+
+class InCall {
+ public:
+  InCall() { t_in_call = true; }
+  InCall(const InCall&) = delete;
+  InCall& operator=(const InCall&) = delete;
+  ~InCall() { t_in_call = false; }
+};
+
+// Takes the call lock; while another thread holds it, this thread's signals
+// are handled, so that a time limit or Ctrl-C reaches a waiting call. False
+// when a handler left an exception pending.
+bool acquire(std::unique_lock<std::timed_mutex>& lock) {
+  while (!lock.try_lock_for(std::chrono::milliseconds(20))) {
+    if (PL_handle_signals() < 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
 foreign_t call_predicate(const PelmPredicate& p, term_t a0, int arity) {
-  std::lock_guard<std::mutex> lock(g_call_lock);
-  free_released_objects();
-  OutputRedirect redirect;
-  PelmMachine machine(a0, arity);
+  if (t_in_call) {
+    return raise_reentered(p);
+  }
+  std::unique_lock<std::timed_mutex> lock(g_call_lock, std::defer_lock);
+  if (!acquire(lock)) {
+    return FALSE;
+  }
+  InCall inCall;
   g_current = &p;
   g_error = PL_new_term_ref();
+  if (g_error == 0) {
+    return FALSE;
+  }
   try {
+    free_released_objects();
+    OutputRedirect redirect;
+    PelmMachine machine(a0, arity);
     return p.function(&machine) ? TRUE : FALSE;
   } catch (const PelmError&) {
     // A term that could not be built leaves SWI's own resource error pending.
@@ -366,7 +416,9 @@ foreign_t call_predicate(const PelmPredicate& p, term_t a0, int arity) {
   } catch (const PelmObjectCreationError& e) {
     return raise_error(p, e.what(), e.culprit_);
   } catch (const std::bad_alloc&) {
-    return PL_resource_error("memory");
+    return raise_memory_error(p);
+  } catch (const std::length_error&) {  // a size beyond what a vector can hold
+    return raise_memory_error(p);
   } catch (const std::exception& e) {
     return raise_error(p, e.what(), 0);
   } catch (...) {
@@ -535,7 +587,7 @@ void append_nchars(std::string* key, char tag, term_t t, unsigned flags) {
 
 }  // namespace
 
-void pelm_term_key(long term, int maxDepth, std::string* key) {
+void pelm_term_key(long term, int maxDepth, std::string* key, std::vector<uintptr_t>* atoms) {
   term_t whole = static_cast<term_t>(term);
   if (!PL_is_acyclic(whole)) {
     pelm_type_error("acyclic_term", term);
@@ -563,9 +615,11 @@ void pelm_term_key(long term, int maxDepth, std::string* key) {
         case PL_NIL: {
           atom_t a;
           check(PL_get_atom(current, &a));
-          PelmAtomId id = intern_atom(a);
           key->push_back('a');
-          append_bytes(key, &id, sizeof id);
+          append_bytes(key, &a, sizeof a);
+          if (atoms != nullptr) {
+            atoms->push_back(a);
+          }
           break;
         }
         case PL_INTEGER: {
@@ -598,11 +652,11 @@ void pelm_term_key(long term, int maxDepth, std::string* key) {
                 "max_term_depth",
                 "terms of a theory are at most " + std::to_string(maxDepth) + " levels deep");
           }
+          // Functors, and so their names, live as long as the process.
           functor_t f;
           check(PL_get_functor(current, &f));
-          PelmFunctorId id = intern_functor(f);
           key->push_back('c');
-          append_bytes(key, &id, sizeof id);
+          append_bytes(key, &f, sizeof f);
           levels.push_back(Level{current, 1, PL_functor_arity(f)});
           break;
         }
@@ -709,6 +763,27 @@ void pelm_cplogic_error(const char* name, long culprit, const char* where) {
   throw_error(formal, "");
 }
 
+void pelm_resource_error(const char* resource, const std::string& message) {
+  term_t formal = PL_new_term_ref();
+  check(PL_unify_term(formal, PL_FUNCTOR_CHARS, "resource_error", 1, PL_CHARS, resource));
+  throw_error(formal, message);
+}
+
+void pelm_io_error(const char* action, long culprit, const std::string& message) {
+  throw_formal("io_error", action, static_cast<term_t>(culprit), message);
+}
+
+bool pelm_handle_signals() {
+  return PL_handle_signals() < 0;
+}
+
+void pelm_raise_pending() {
+  if (PL_exception(0) == 0) {
+    throw std::runtime_error("interrupted without an exception");
+  }
+  throw PelmError();  // g_error stays unbound: the pending exception is raised
+}
+
 void pelm_must_be_list(long term) {
   size_t length = 0;
   switch (PL_skip_list(term, 0, &length)) {
@@ -746,38 +821,41 @@ int64_t pelm_must_be_integer(long term) {
 
 PelmAtomId pelm_atom_id(long term) {
   atom_t a;
-  if (!PL_get_atom(term, &a)) {
-    return 0;
-  }
-  return intern_atom(a);
+  return PL_get_atom(term, &a) ? a : 0;
 }
 
 PelmFunctorId pelm_functor_id(long term) {
   functor_t f;
-  if (!PL_get_functor(term, &f)) {
-    return 0;
-  }
-  return intern_functor(f);
+  return PL_get_functor(term, &f) ? f : 0;
 }
 
-const std::string* pelm_atom_text(PelmAtomId atom) {
-  return atom < g_atom_texts.size() ? &g_atom_texts[atom] : nullptr;
-}
-
-const std::string* pelm_functor_name(PelmFunctorId functor) {
-  return functor < g_functors.size() ? pelm_atom_text(g_functors[functor].name) : nullptr;
+std::string pelm_functor_name(PelmFunctorId functor) {
+  return atom_text(PL_functor_name(functor));
 }
 
 int pelm_functor_arity(PelmFunctorId functor) {
-  return functor < g_functors.size() ? g_functors[functor].arity : -1;
+  return static_cast<int>(PL_functor_arity(functor));
 }
 
 PelmFunctorId func_lookup(const char* name, int arity) {
   atom_t a = PL_new_atom(name);
   functor_t f = PL_new_functor(a, arity);
-  PelmFunctorId id = intern_functor(f);
-  PL_unregister_atom(a);
-  return id;
+  PL_unregister_atom(a);  // the functor keeps its name
+  return f;
+}
+
+PelmAtomHolder::~PelmAtomHolder() {
+  for (PelmAtomId a : atoms_) {
+    PL_unregister_atom(a);
+  }
+}
+
+void PelmAtomHolder::hold(const std::vector<PelmAtomId>& atoms) {
+  for (PelmAtomId a : atoms) {
+    if (atoms_.insert(a).second) {
+      PL_register_atom(a);
+    }
+  }
 }
 
 PelmTermTable::PelmTermTable() : frame_(PL_open_foreign_frame()) {}
@@ -992,7 +1070,7 @@ bool PrologIDToInt(long term, int* id) {
 // ---- Loading ------------------------------------------------------------------
 
 extern "C" install_t install_cplogic() {
-  std::lock_guard<std::mutex> lock(g_call_lock);
+  std::lock_guard<std::timed_mutex> lock(g_call_lock);
   term_t nil = PL_new_term_ref();
   atom_t a;
   if (!PL_put_nil(nil) || !PL_get_atom(nil, &a)) {
@@ -1000,7 +1078,6 @@ extern "C" install_t install_cplogic() {
     return;
   }
   nil_atom = a;
-  intern_atom(a);  // identifier 0
   PL_register_blob_type(&g_handle_blob);
   PL_on_halt(free_all_objects, nullptr);
   if (!pelm_module_init_cplogic_cplogic()) {

@@ -6,9 +6,13 @@
 //
 // Every foreign call runs under one process-wide lock and with std::cout and
 // std::cerr sent to Prolog's current output and user_error streams, so that the
-// module's text interleaves with Prolog's own output. No C++ exception leaves a
-// call: PelmObjectCreationError and the standard exceptions become Prolog
-// exceptions.
+// module's text interleaves with Prolog's own output. A call that waits for the
+// lock handles its signals while it waits, so a time limit or Ctrl-C reaches
+// it; a call made from a signal handler while a call of the same thread is in
+// progress raises a permission error instead of entering the core twice. No
+// C++ exception leaves a call: PelmObjectCreationError and the standard
+// exceptions become Prolog exceptions, std::bad_alloc and std::length_error
+// resource_error(memory).
 #ifndef CPLOGIC_STDPELM_H
 #define CPLOGIC_STDPELM_H
 
@@ -17,6 +21,8 @@
 #include <iosfwd>
 #include <stdexcept>
 #include <string>
+#include <unordered_set>
+#include <vector>
 
 // ---- Terms ----------------------------------------------------------------
 // A term is named by a long: a slot of the current call's argument term table
@@ -60,29 +66,50 @@ bool pelm_get_number(long term, double* value);
 // at the level of the cell, so long lists are fine; any other argument is a
 // level deeper, and terms deeper than maxDepth are refused. Throws the
 // Prolog error (instantiation, cycle, depth, blob or dict) for a refused term.
-void pelm_term_key(long term, int maxDepth, std::string* key);
+// The identifiers of the atoms in the key are appended to *atoms (when not
+// null): whoever keeps the key beyond the call must hold them
+// (PelmAtomHolder).
+void pelm_term_key(long term, int maxDepth, std::string* key,
+                   std::vector<uintptr_t>* atoms = nullptr);
 // The term as quoted Prolog text that reads back as the term, bracketed as an
 // operand of priority 199 (the left side of ":"), and bracketed as well when
 // it starts or ends with a symbol character.
 std::string pelm_term_text(long term);
 
-// Identifiers of atoms and of functors (name with arity): small numbers that
-// stay the same for the life of the process, whatever the host's atom garbage
-// collector does. The empty list has atom identifier 0.
-typedef uint32_t PelmAtomId;
-typedef uint32_t PelmFunctorId;
+// Identifiers of atoms and of functors (name with arity): the host's own
+// handles. A functor's identifier and its name stay valid for the life of the
+// process; an atom's identifier only while the atom is held, by a term of the
+// call in progress or by a PelmAtomHolder. Once released, the host may
+// collect the atom and give its handle to another.
+typedef uintptr_t PelmAtomId;
+typedef uintptr_t PelmFunctorId;
 
 // REQUIRES: pelm_is_atom(term).
 PelmAtomId pelm_atom_id(long term);
 // REQUIRES: pelm_is_structure(term) or pelm_is_list_cell(term).
 PelmFunctorId pelm_functor_id(long term);
-// The text of an identifier, or null when the identifier was never handed out.
-const std::string* pelm_atom_text(PelmAtomId atom);
-const std::string* pelm_functor_name(PelmFunctorId functor);
-// -1 for an identifier never handed out.
+std::string pelm_functor_name(PelmFunctorId functor);
 int pelm_functor_arity(PelmFunctorId functor);
 // The identifier of name/arity.
 PelmFunctorId func_lookup(const char* name, int arity);
+
+// Holds atoms alive, each once, until it is destroyed: an object that keeps
+// keys of terms (pelm_term_key) holds the atoms in them, so that the host
+// neither collects them nor gives their handles to other atoms while the
+// keys exist, and releases them with the object.
+class PelmAtomHolder {
+ public:
+  PelmAtomHolder() = default;
+  PelmAtomHolder(const PelmAtomHolder&) = delete;
+  PelmAtomHolder& operator=(const PelmAtomHolder&) = delete;
+  ~PelmAtomHolder();
+
+  void hold(const std::vector<PelmAtomId>& atoms);
+  size_t size() const { return atoms_.size(); }
+
+ private:
+  std::unordered_set<PelmAtomId> atoms_;
+};
 
 // A scratch table of term slots. Slots taken from it, and any taken after it
 // was created, are given back when it is destroyed; tables nest like scopes.
@@ -218,6 +245,18 @@ class PelmError : public std::exception {
 // error(cplogic_error(Name(Culprit), Where), Context): the module's own errors.
 [[noreturn]] void pelm_cplogic_error(const char* name, long culprit, const char* where);
 
+// error(resource_error(Resource), Context).
+[[noreturn]] void pelm_resource_error(const char* resource, const std::string& message);
+// error(io_error(Action, Culprit), Context): Culprit names the file.
+[[noreturn]] void pelm_io_error(const char* action, long culprit, const std::string& message);
+
+// Runs the host's pending signal handlers (the alarm of a time limit, Ctrl-C).
+// True when one of them left an exception pending: the call must then end
+// with pelm_raise_pending().
+bool pelm_handle_signals();
+// Ends the call with the exception the host has pending, unchanged.
+[[noreturn]] void pelm_raise_pending();
+
 // Throws instantiation_error for a partial list and type_error(list, Term)
 // for anything else that is not a proper list (a cyclic list included).
 void pelm_must_be_list(long term);
@@ -287,8 +326,9 @@ class pelm_type {
 // Registers every pelm_type constructed so far; returns 1.
 int PELMRegisterAllTypes();
 
-// The heap of managed objects. Indices are never reused, so the ID of a freed
-// object never reaches another object.
+// The heap of managed objects. An index is given to a new object only once
+// the handle of the object that had it has been collected: no term can name
+// the old object any more, so a handle never reaches another object.
 class PelmHeap {
  public:
   int size() const;

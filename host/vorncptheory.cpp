@@ -2,8 +2,8 @@
 
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <sstream>
 #include <string>
@@ -53,23 +53,47 @@ double probabilityOf(long term) {
   return p;
 }
 
-// Writes text to the file name (the atom fileTerm); a file that cannot be
-// opened or written raises the error that names it.
+// The error for a file that could not be opened or written, errno being
+// error: a missing folder is an existence error, a refusal a permission
+// error, anything else (a full disk, an I/O error) an I/O error; the message
+// is the system's reason.
+[[noreturn]] void fileError(long fileTerm, bool opening, int error) {
+  std::string reason = error != 0 ? std::strerror(error) : "unknown reason";
+  switch (error) {
+    case ENOENT:
+    case ENOTDIR:
+      pelm_existence_error("source_sink", fileTerm, reason);
+    case EACCES:
+    case EPERM:
+    case EROFS:
+    case EISDIR:
+    case ETXTBSY:
+      pelm_permission_error(opening ? "open" : "output", "source_sink", fileTerm, reason);
+    default:
+      pelm_io_error(opening ? "open" : "write", fileTerm, reason);
+  }
+}
+
+// Writes text to the file name (the atom fileTerm), all of it, or raises the
+// error that names the file and the reason.
 void writeFile(long fileTerm, const std::string& name, const std::string& text) {
   errno = 0;
-  std::ofstream out(name, std::ios::out | std::ios::trunc | std::ios::binary);
-  if (!out) {
-    int error = errno;
-    std::string reason = error != 0 ? std::strerror(error) : "cannot open";
-    if (error == ENOENT || error == ENOTDIR) {
-      pelm_existence_error("source_sink", fileTerm, reason);
-    }
-    pelm_permission_error("open", "source_sink", fileTerm, reason);
+  std::FILE* out = std::fopen(name.c_str(), "wb");
+  if (out == nullptr) {
+    fileError(fileTerm, true, errno);
   }
-  out << text;
-  out.close();
-  if (out.fail()) {
-    pelm_permission_error("output", "source_sink", fileTerm, "cannot write the file");
+  errno = 0;
+  size_t written = std::fwrite(text.data(), 1, text.size(), out);
+  int error = written == text.size() && std::fflush(out) == 0 ? 0 : errno;
+  // A failed write may show only when the buffer goes out at close.
+  if (std::fclose(out) != 0 && error == 0) {
+    error = errno != 0 ? errno : EIO;
+  }
+  if (written != text.size() && error == 0) {
+    error = EIO;
+  }
+  if (error != 0) {
+    fileError(fileTerm, false, error);
   }
 }
 
@@ -182,12 +206,18 @@ void VornCPTheory::printHuginNet(long queryTerm, long fileTerm) {
 }
 
 int VornCPTheory::atomInTable(long term) {
-  auto placed = atom_table_.emplace(termKey(term), 1);
+  std::vector<PelmAtomId> atoms;
+  std::string key = termKey(term, &atoms);
+  held_atoms_.hold(atoms);
+  auto placed = atom_table_.emplace(std::move(key), 1);
   return placed.second ? 0 : placed.first->second;
 }
 
 void VornCPTheory::atomTableSuccess(long term) {
-  atom_table_[termKey(term)] = 2;
+  std::vector<PelmAtomId> atoms;
+  std::string key = termKey(term, &atoms);
+  held_atoms_.hold(atoms);
+  atom_table_[std::move(key)] = 2;
 }
 
 void VornCPTheory::addEvent(long term) {
@@ -196,8 +226,10 @@ void VornCPTheory::addEvent(long term) {
   long bodyList = argumentOf(term, 2, 2, "event", table);
   std::vector<Literal> head;
   std::vector<Literal> body;
-  readHead(headList, table, &head);
-  readBody(bodyList, table, &body);
+  std::vector<PelmAtomId> atoms;
+  readHead(headList, table, &head, &atoms);
+  readBody(bodyList, table, &body, &atoms);
+  held_atoms_.hold(atoms);
   addRule(head, body);
 }
 
@@ -239,8 +271,9 @@ void VornCPTheory::addGroundEvent(long term) {
   }
   std::vector<Literal> head;
   std::vector<Literal> body;
-  readHead(headList, table, &head);
-  readBody(bodyList, table, &body);
+  std::vector<PelmAtomId> atoms;
+  readHead(headList, table, &head, &atoms);
+  readBody(bodyList, table, &body, &atoms);
   size_t n = static_cast<size_t>(fo_event_values_[event]);
   if (head.size() + body.size() != n) {
     pelm_domain_error("fo_event_grounding", term,
@@ -260,16 +293,18 @@ void VornCPTheory::addGroundEvent(long term) {
   if (groundings.count(grounding) != 0) {
     return;
   }
+  held_atoms_.hold(atoms);
   addRule(head, body);
   groundings.insert(std::move(grounding));
 }
 
-void VornCPTheory::readHead(long list, PelmTermTable& table, std::vector<Literal>* head) {
+void VornCPTheory::readHead(long list, PelmTermTable& table, std::vector<Literal>* head,
+                            std::vector<PelmAtomId>* atoms) {
   double sum = 0.0;
   forEachElement(list, table, [&](long element) {
     long atomTerm = argumentOf(element, 1, 2, "head_element", table);
     long probabilityTerm = argumentOf(element, 2, 2, "head_element", table);
-    Literal literal = readLiteral(atomTerm);
+    Literal literal = readLiteral(atomTerm, atoms);
     literal.probability = probabilityOf(probabilityTerm);
     sum += literal.probability;
     head->push_back(std::move(literal));
@@ -279,20 +314,21 @@ void VornCPTheory::readHead(long list, PelmTermTable& table, std::vector<Literal
   }
 }
 
-void VornCPTheory::readBody(long list, PelmTermTable& table, std::vector<Literal>* body) {
+void VornCPTheory::readBody(long list, PelmTermTable& table, std::vector<Literal>* body,
+                            std::vector<PelmAtomId>* atoms) {
   forEachElement(list, table, [&](long element) {
     if (pelm_is_var(element)) {
       pelm_instantiation_error();
     }
     bool negated = pelm_is_structure(element) && pelm_functor_id(element) == g_global_not;
-    Literal literal = readLiteral(negated ? table.arg(element, 1) : element);
+    Literal literal = readLiteral(negated ? table.arg(element, 1) : element, atoms);
     literal.value = negated ? 0 : 1;
     body->push_back(std::move(literal));
   });
 }
 
-VornCPTheory::Literal VornCPTheory::readLiteral(long term) {
-  Literal literal{termKey(term), std::string(), 0.0, 1};
+VornCPTheory::Literal VornCPTheory::readLiteral(long term, std::vector<PelmAtomId>* atoms) {
+  Literal literal{termKey(term, atoms), std::string(), 0.0, 1};
   if (findAtom(literal.key) == nullptr) {
     literal.name = termName(term);
   }

@@ -38,6 +38,8 @@ class VornCPTheory : public CPTheory {
   std::vector<int32_t> fo_event_values_;
   // Per first-order event: the keys of the groundings added so far.
   std::vector<std::unordered_set<std::string>> ground_events_;
+  // The atoms in the keys above, held until the theory is destroyed.
+  PelmAtomHolder held_atoms_;
 
   VornCPTheory();
   // The term is accepted and not used.
@@ -84,9 +86,12 @@ class VornCPTheory : public CPTheory {
     int value;
   };
 
-  void readHead(long list, PelmTermTable& table, std::vector<Literal>* head);
-  void readBody(long list, PelmTermTable& table, std::vector<Literal>* body);
-  Literal readLiteral(long term);
+  // The readers append the atoms in the literals' keys to *atoms.
+  void readHead(long list, PelmTermTable& table, std::vector<Literal>* head,
+                std::vector<PelmAtomId>* atoms);
+  void readBody(long list, PelmTermTable& table, std::vector<Literal>* body,
+                std::vector<PelmAtomId>* atoms);
+  Literal readLiteral(long term, std::vector<PelmAtomId>* atoms);
   void addRule(const std::vector<Literal>& head, const std::vector<Literal>& body);
   // The atom of a key; null when the theory does not know the term.
   Atom* findAtom(const std::string& key) const;

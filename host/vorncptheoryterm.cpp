@@ -2,9 +2,9 @@
 
 #include "stdpelm.h"
 
-std::string termKey(long term) {
+std::string termKey(long term, std::vector<PelmAtomId>* atoms) {
   std::string key;
-  pelm_term_key(term, kMaxTermDepth, &key);
+  pelm_term_key(term, kMaxTermDepth, &key, atoms);
   return key;
 }
 

@@ -17,7 +17,8 @@
             pelm_copy/2,                     % +Target, +Source
             pelm_print/1,                    % +Object
             cplogic_hugin_net/3,             % +Theory, +Query, +FileAtom
-            cplogic_prob/4                   % +Theory, +Query, +Evidence, -Prob
+            cplogic_prob/4,                  % +Theory, +Query, +Evidence, -Prob
+            cplogic_prob/5                   % +Theory, +Query, +Evidence, -Prob, +Options
           ]).
 
 /** <module> Exact inference in CP-logic theories

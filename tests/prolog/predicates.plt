@@ -92,6 +92,44 @@ test(queries_change_nothing) :-
 
 :- end_tests(queries).
 
+:- begin_tests(options).
+
+raises(Goal, Formal) :-
+    catch(( Goal, Result = succeeded ), error(F, _), Result = F),
+    assertion(subsumes_term(Formal, Result)).
+
+% Options change no answer; a short query prints no progress; options of
+% other libraries are left alone.
+test(same_answers) :-
+    alarm_theory(T),
+    forall(member(Options, [ [], [progress(false)], [progress(true)], [max_table_entries(inf)],
+                             [max_table_entries = 100, progress = true], [method(cpts)] ]),
+           ( capture_output(cplogic_prob(T, burglary, [e(alarm, 1)], P, Options), Out, Err),
+             assertion(Out-Err == ""-""),
+             assertion(near(P, 0.0908/0.1628)) )).
+test(bad_options) :-
+    alarm_theory(T),
+    forall(member(Options-Formal,
+                  [ [max_table_entries(0)]-domain_error(max_table_entries, 0),
+                    [max_table_entries(-3)]-domain_error(max_table_entries, -3),
+                    [max_table_entries(x)]-type_error(integer, x),
+                    [max_table_entries(_)]-instantiation_error,
+                    [max_table_entries(1)]-resource_error(table_entries),
+                    [progress(yes)]-type_error(bool, yes),
+                    [progress(_)]-instantiation_error,
+                    [foo]-domain_error(cplogic_option, foo),
+                    [f(a, b)]-domain_error(cplogic_option, f(a, b)),
+                    [1 = true]-type_error(atom, 1),
+                    [_]-instantiation_error,
+                    [progress(true)|_]-instantiation_error,
+                    foo-type_error(list, foo)
+                  ]),
+           raises(cplogic_prob(T, alarm, [], _, Options), Formal)),
+    cplogic_prob(T, alarm, [], P),
+    assertion(near(P, 0.1628)).
+
+:- end_tests(options).
+
 :- begin_tests(settings).
 
 % Methods cf and tables factorise an atom with two causes through a prime
