@@ -462,12 +462,27 @@ std::vector<Atom*> greedyEliminationOrder(const std::vector<std::vector<Atom*>>&
 }
 
 std::vector<std::vector<Atom*>> confactorScopes(const std::vector<Confactor*>& confactors) {
+  // A scope inside another adds no edge. The confactors of one event come
+  // one after another and their contexts often nest (a body tree's paths),
+  // so comparing with the last scope kept drops most of them at linear cost.
+  auto inside = [](const std::vector<Atom*>& a, const std::vector<Atom*>& b) {
+    return a.size() <= b.size() &&
+           std::includes(b.begin(), b.end(), a.begin(), a.end(), Atom::CmpId());
+  };
   std::vector<std::vector<Atom*>> scopes;
   scopes.reserve(confactors.size());
+  std::vector<Atom*> scope;
   for (const Confactor* c : confactors) {
-    scopes.emplace_back();
+    scope.clear();
     for (const AtomDomStruct* ads : c->atoms_)
-      scopes.back().push_back(ads->atom_);
+      scope.push_back(ads->atom_);
+    std::sort(scope.begin(), scope.end(), Atom::CmpId());
+    if (!scopes.empty() && inside(scope, scopes.back()))
+      continue;
+    if (!scopes.empty() && inside(scopes.back(), scope))
+      scopes.back() = scope;
+    else
+      scopes.push_back(scope);
   }
   return scopes;
 }

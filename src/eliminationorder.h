@@ -27,7 +27,8 @@
 std::vector<Atom*> greedyEliminationOrder(const std::vector<std::vector<Atom*>>& scopes,
                                           const std::vector<Atom*>& eliminate);
 
-// Convenience: the scopes of confactors, one per confactor, with all its atoms.
+// The scopes of confactors (all their atoms), leaving out a scope that lies
+// inside the one kept before it.
 class Confactor;
 std::vector<std::vector<Atom*>> confactorScopes(const std::vector<Confactor*>& confactors);
 
