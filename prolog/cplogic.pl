@@ -48,6 +48,32 @@ error(cplogic_error(contradictory_evidence(Evidence), evidence), _).
 vorn_cp_theory_query_silent/4 gives the same answers and errors;
 vorn_cp_theory_query/4 also prints the evidence and the query's table.
 
+cplogic_prob(Theory, Query, Evidence, P, Options) takes the options
+
+    max_table_entries(N)
+        The largest table the query may build: a positive integer, or inf
+        for no bound.  Default 16777216 (2^24 entries, 128 MB), which every
+        other predicate uses too.  A query that needs a larger table raises
+        error(resource_error(table_entries), context(cplogic_prob/5, Msg)),
+        Msg naming the size of the table and the limit.
+    progress(Bool)
+        With true, a query that runs for more than a second prints lines
+        such as "% cplogic: eliminating 1200/5000" on user_error, at most
+        four a second.  Default false.
+
+Other options are ignored, so that one list can serve several libraries;
+Name = Value is read as Name(Value).  A query, by any of the three
+predicates, can be stopped by call_with_time_limit/2 or Ctrl-C: it ends
+with that exception, and the theory answers the next query as before.  A table that does not fit in
+memory raises resource_error(memory) for that call alone.
+
+Files (vorn_cp_theory_save/2, vorn_cp_theory_print_graphviz/2,
+cplogic_hugin_net/3) are written completely or the call raises
+existence_error(source_sink, File) (a missing folder),
+permission_error(open, source_sink, File) (no permission, a directory, a
+read-only file system) or io_error(write, File) (a full disk), the message
+being the system's reason.
+
 Every predicate raises an ISO error term naming the argument at fault;
 an object that was freed raises existence_error(vorn_cp_theory, Object).
 The object is freed by pelm_free/1 or when Prolog no longer refers to it.
