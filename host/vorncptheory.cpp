@@ -53,8 +53,8 @@ double probabilityOf(long term) {
   return p;
 }
 
-// The error for a file that could not be opened or written, errno being
-// error: a missing folder is an existence error, a refusal a permission
+// The error for a file that could not be opened or written (error is the
+// errno): a missing folder is an existence error, a refusal a permission
 // error, anything else (a full disk, an I/O error) an I/O error; the message
 // is the system's reason.
 [[noreturn]] void fileError(long fileTerm, bool opening, int error) {
@@ -83,14 +83,11 @@ void writeFile(long fileTerm, const std::string& name, const std::string& text) 
     fileError(fileTerm, true, errno);
   }
   errno = 0;
-  size_t written = std::fwrite(text.data(), 1, text.size(), out);
-  int error = written == text.size() && std::fflush(out) == 0 ? 0 : errno;
-  // A failed write may show only when the buffer goes out at close.
+  bool ok = std::fwrite(text.data(), 1, text.size(), out) == text.size() && std::fflush(out) == 0;
+  int error = ok ? 0 : errno != 0 ? errno : EIO;
+  // Some file systems report a failed write only when the file is closed.
   if (std::fclose(out) != 0 && error == 0) {
     error = errno != 0 ? errno : EIO;
-  }
-  if (written != text.size() && error == 0) {
-    error = EIO;
   }
   if (error != 0) {
     fileError(fileTerm, false, error);
