@@ -14,28 +14,37 @@
 
 :- initialization(cli_main, main).
 
-usage("Usage: cplogic PROGRAM QUERY... [--given ATOM]... [--given '\\+ATOM']...
+usage("Usage: cplogic PROGRAM [QUERY...] [--given GOAL]... [--given '\\+GOAL']...
                [--method cf|tables|cpts|cfme] [--elimination cst|absorption]
+               [--max-table-entries N] [--progress]
                [--dot FILE] [--png FILE] [--save FILE] [--hugin FILE]
 
-Loads the LPAD program in the file PROGRAM and prints, for every QUERY (a
-ground atom), one line with the query, the evidence and the probability of the
-query given the evidence, to 6 significant digits.
+Loads the LPAD program in the file PROGRAM and prints, for every QUERY, one
+line with the query, the evidence and the probability of the query given the
+evidence, to 6 significant digits. A QUERY is a ground atom or any goal over
+program atoms; a QUERY with variables gives a line for each of its instances
+with a probability above 0. Without a QUERY, the program's own query/1 facts
+are answered, one line 'Goal: Probability' per ground answer, in the order of
+the program. Evidence is the program's evidence/1,2 facts and the --given
+options.
 
-  --given ATOM        evidence: ATOM is observed true; '\\+ATOM' observed false
+  --given GOAL        evidence: GOAL is observed true; '\\+GOAL' observed false
   --method M          how rules become factors: cf (default), tables, cpts, cfme
   --elimination E     cst (default, complete confactor sets) or absorption
+  --max-table-entries N  refuse a query whose largest table would be larger
+  --progress          report on standard error when grounding or a query
+                      takes long
   --dot FILE          write the ground theory the queries needed as Graphviz text
   --png FILE          render that graph as a PNG picture (needs Graphviz's dot)
   --save FILE         save the ground theory as CP-logic rules (lpad_load/1 reads it)
-  --hugin FILE        write the ground theory as a Hugin network, for the first query
+  --hugin FILE        write the ground theory as a Hugin network, for the first
+                      query (a ground atom)
   --help              show this text
 
-PROGRAM holds clauses such as
-    sneezing(X):0.7 ; null:0.3 :- flu(X).
-    sneezing(X):0.6 :- hay_fever(X).
-    flu(bob):0.4.
-    hay_fever(bob):0.2.
+PROGRAM holds clauses in either notation, mixed freely:
+    sneezing(X):0.7 ; null:0.3 :- flu(X).      0.6::sneezing(X) :- hay_fever(X).
+    flu(bob):0.4.                              0.2::hay_fever(bob).
+    query(sneezing(bob)).                      evidence(flu(bob), false).
 either alone or between ':- begin_lpad.' and ':- end_lpad.' beside ordinary
 Prolog helper predicates. Example:
 
@@ -100,31 +109,41 @@ run(Argv) :-
     usage(Text),
     format("~s", [Text]).
 run(Argv) :-
-    parse_args(Argv, opts(Files, Queries, Given, Method, Elim, Outputs)),
+    parse_args(Argv, opts(Files, Queries, Given, Method, Elim, Outputs, Extra)),
     (   Files = [Program] -> true
     ;   Files == [] -> throw(usage("no PROGRAM given"))
     ;   true
     ),
-    (   Queries == [] -> throw(usage("no QUERY given")) ; true ),
+    maplist(parse_goal_arg, Queries, QTerms),
+    maplist(parse_evidence_arg, Given, GivenEvidence),
     load_program(Program),
-    maplist(parse_atom_arg(query), Queries, QTerms),
-    maplist(parse_evidence_arg, Given, Evidence),
-    Options = [method(Method), elimination(Elim)],
-    forall(member(Q, QTerms), answer(Q, Evidence, Options)),
-    QTerms = [First | _],
+    lpad_queries(cli_program:FileQueries, FileEvidence),
+    append(FileEvidence, GivenEvidence, Evidence),
+    Options = [method(Method), elimination(Elim) | Extra],
+    (   QTerms \== []
+    ->  forall(member(Q, QTerms), answer(Q, Evidence, Options)),
+        QTerms = [First | _]
+    ;   FileQueries \== []
+    ->  forall(member(Q, FileQueries), answer_fact(Q, Evidence, Options)),
+        FileQueries = [First | _]
+    ;   throw(usage("no QUERY given, and the program has no query/1 facts"))
+    ),
     forall(member(Out, Outputs), output_file(Out, First)).
 
 parse_args(Argv, Opts) :-
-    parse_args(Argv, [], [], [], cf, cst, [], Opts).
+    parse_args(Argv, [], [], cf, cst, [], [], Opts).
 
-parse_args([], Pos, Qs, Gs, M, E, Outs, opts(Files, Queries, Given, M, E, Outputs)) :-
+parse_args([], Pos, Gs, M, E, Outs, Extra,
+           opts(Files, Queries, Given, M, E, Outputs, Extra)) :-
     !,
     reverse(Pos, All),
     (   All = [P | Qs0] -> Files = [P], Queries = Qs0 ; Files = [], Queries = [] ),
-    Qs = [],
     reverse(Gs, Given),
     reverse(Outs, Outputs).
-parse_args([Opt | Rest], Pos, Qs, Gs, M, E, Outs, Opts) :-
+parse_args(['--progress' | Rest], Pos, Gs, M, E, Outs, Extra, Opts) :-
+    !,
+    parse_args(Rest, Pos, Gs, M, E, Outs, [progress(true) | Extra], Opts).
+parse_args([Opt | Rest], Pos, Gs, M, E, Outs, Extra, Opts) :-
     atom(Opt),
     sub_atom(Opt, 0, 2, _, '--'),
     !,
@@ -135,27 +154,32 @@ parse_args([Opt | Rest], Pos, Qs, Gs, M, E, Outs, Opts) :-
     ;   Name = Opt,
         (   Rest = [Value | Rest1] -> true ; throw(usage(format("option ~w needs a value", [Name]))) )
     ),
-    option_arg(Name, Value, Gs, M, E, Outs, Gs1, M1, E1, Outs1),
-    parse_args(Rest1, Pos, Qs, Gs1, M1, E1, Outs1, Opts).
-parse_args([Arg | Rest], Pos, Qs, Gs, M, E, Outs, Opts) :-
-    parse_args(Rest, [Arg | Pos], Qs, Gs, M, E, Outs, Opts).
+    option_arg(Name, Value, Gs, M, E, Outs, Extra, Gs1, M1, E1, Outs1, Extra1),
+    parse_args(Rest1, Pos, Gs1, M1, E1, Outs1, Extra1, Opts).
+parse_args([Arg | Rest], Pos, Gs, M, E, Outs, Extra, Opts) :-
+    parse_args(Rest, [Arg | Pos], Gs, M, E, Outs, Extra, Opts).
 
-option_arg('--given', V, Gs, M, E, O, [V | Gs], M, E, O) :- !.
-option_arg('--method', V, Gs, _, E, O, Gs, V, E, O) :-
+option_arg('--given', V, Gs, M, E, O, X, [V | Gs], M, E, O, X) :- !.
+option_arg('--method', V, Gs, _, E, O, X, Gs, V, E, O, X) :-
     !,
     (   memberchk(V, [cf, tables, cpts, cfme]) -> true
     ;   throw(usage(format("unknown method '~w' (cf, tables, cpts or cfme)", [V])))
     ).
-option_arg('--elimination', V, Gs, M, _, O, Gs, M, V, O) :-
+option_arg('--elimination', V, Gs, M, _, O, X, Gs, M, V, O, X) :-
     !,
     (   memberchk(V, [cst, absorption]) -> true
     ;   throw(usage(format("unknown elimination '~w' (cst or absorption)", [V])))
     ).
-option_arg(Name, V, Gs, M, E, O, Gs, M, E, [Out | O]) :-
+option_arg('--max-table-entries', V, Gs, M, E, O, X, Gs, M, E, O, [max_table_entries(N) | X]) :-
+    !,
+    (   catch(atom_number(V, N), _, fail), integer(N), N > 0 -> true
+    ;   throw(usage(format("--max-table-entries needs a positive integer, not '~w'", [V])))
+    ).
+option_arg(Name, V, Gs, M, E, O, X, Gs, M, E, [Out | O], X) :-
     output_option(Name, Kind),
     !,
     Out =.. [Kind, V].
-option_arg(Name, _, _, _, _, _, _, _, _, _) :-
+option_arg(Name, _, _, _, _, _, _, _, _, _, _, _) :-
     throw(usage(format("unknown option ~w", [Name]))).
 
 output_option('--dot', dot).
@@ -166,25 +190,25 @@ output_option('--hugin', hugin).
 usage_text(format(F, A), Text) :- !, format(string(Text), F, A).
 usage_text(Text, Text).
 
-parse_atom_arg(What, Text, Term) :-
-    (   catch(term_string(Term, Text), _, fail)
+% Goals are read with the library's operators (P::H).
+read_goal(What, Text, Term) :-
+    (   catch(term_string(Term, Text, [module(cplogic_lpad)]), _, fail)
     ->  true
     ;   throw(usage(format("cannot read ~w '~w' as a Prolog term", [What, Text])))
     ),
-    (   ground(Term), callable(Term), Term \= (\+ _)
+    (   callable(Term)
     ->  true
-    ;   throw(usage(format("~w '~w' is not a ground atom", [What, Text])))
+    ;   throw(usage(format("~w '~w' is not a goal", [What, Text])))
     ).
 
+parse_goal_arg(Text, Term) :-
+    read_goal(query, Text, Term).
+
 parse_evidence_arg(Text, Literal) :-
-    (   catch(term_string(T, Text), _, fail)
-    ->  true
-    ;   throw(usage(format("cannot read evidence '~w' as a Prolog term", [Text])))
-    ),
-    (   T = (\+ A) -> Literal = (\+ A) ; A = T, Literal = T ),
-    (   ground(A), callable(A)
-    ->  true
-    ;   throw(usage(format("evidence '~w' is not a ground atom or \\+ of one", [Text])))
+    read_goal(evidence, Text, Literal),
+    (   Literal = (\+ G), \+ callable(G)
+    ->  throw(usage(format("evidence '~w' is not a goal or \\+ of one", [Text])))
+    ;   true
     ).
 
                  /*******************************
@@ -229,16 +253,30 @@ program_error(E) :-
                  *            ANSWERS           *
                  *******************************/
 
+% A query with variables answers each of its instances on a line.
 answer(Q, Evidence, Options) :-
-    catch(prob(cli_program:Q, Evidence, P, Options), E, program_error(E)),
-    (   Evidence == []
-    ->  format("P(~q) = ~6g~n", [Q, P])
-    ;   format_evidence(Evidence, EText),
-        format("P(~q | ~w) = ~6g~n", [Q, EText, P])
-    ).
+    query_answers(Q, Evidence, Options, Answers),
+    forall(member(A-P, Answers),
+           (   Evidence == []
+           ->  format("P(~W) = ~6g~n", [A, [quoted(true), priority(999)], P])
+           ;   format_evidence(Evidence, EText),
+               format("P(~W | ~w) = ~6g~n", [A, [quoted(true), priority(999)], EText, P])
+           )).
+
+answer_fact(Q, Evidence, Options) :-
+    query_answers(Q, Evidence, Options, Answers),
+    forall(member(A-P, Answers),
+           format("~W: ~6g~n", [A, [quoted(true), priority(999)], P])).
+
+query_answers(Q, Evidence, Options, Answers) :-
+    catch(prob_all(cli_program:Q, Evidence, Answers, Options), E, program_error(E)).
+
+% A conjunction or disjunction is printed in parentheses.
+goal_text(G, Text) :-
+    format(string(Text), "~W", [G, [quoted(true), priority(999)]]).
 
 format_evidence(Evidence, Text) :-
-    maplist([L, S]>>format(string(S), "~q", [L]), Evidence, Strings),
+    maplist(goal_text, Evidence, Strings),
     atomic_list_concat(Strings, ', ', Text).
 
 % A file that cannot be opened is named in one line.
@@ -274,6 +312,10 @@ write_output(save(File), _) :-
     theory(T),
     cplogic:vorn_cp_theory_save(T, File).
 write_output(hugin(File), Query) :-
+    (   ground(Query), Query \= (_, _), Query \= (_ ; _), Query \= (\+ _)
+    ->  true
+    ;   throw(program(format("--hugin needs a ground atom as the first query, not ~q", [Query])))
+    ),
     theory(T),
     cplogic:cplogic_hugin_net(T, Query, File).
 

@@ -3,11 +3,18 @@
             end_lpad/0,                 % end it and make it the module's program
             lpad_load/1,                % +File
             lpad_load/2,                % +File, +Module
-            prob/2,                     % :Query, -Prob
-            prob/3,                     % :Query, +Evidence, -Prob
-            prob/4,                     % :Query, +Evidence, -Prob, +Options
+            prob/2,                     % :Goal, -Prob
+            prob/3,                     % :Goal, +Evidence, -Prob
+            prob/4,                     % :Goal, +Evidence, -Prob, +Options
+            prob_all/2,                 % :Goal, -Answers
+            prob_all/3,                 % :Goal, +Evidence, -Answers
+            prob_all/4,                 % :Goal, +Evidence, -Answers, +Options
+            prob_queries/1,             % :Answers
+            prob_queries/2,             % :Answers, +Options
+            lpad_queries/2,             % :Queries, -Evidence
             lpad_theory/2,              % :Dummy, -Theory: the module's theory object
-            lpad_ground/2               % :Atoms, -Theory: ground what Atoms need
+            lpad_ground/2,              % :Atoms, -Theory: ground what Atoms need
+            op(700, xfx, ::)            % P::Head
           ]).
 
 /** <module> LPAD programs: annotated disjunctions with exact probabilities
@@ -16,18 +23,47 @@ A program is written between `:- begin_lpad.` and `:- end_lpad.`, or loaded
 from a file of its own with lpad_load/1. Its clauses are
 
     H1:P1 ; ... ; Hn:Pn :- Body.     H:P.     H.     H :- Body.
+    P1::H1 ; ... ; Pn::Hn :- Body.   P::H.
 
-where a probability may be an arithmetic expression and `null` as a head
-atom stands for "no atom". Body literals are atoms of the program, `\+ Atom`,
-or calls to ordinary Prolog predicates (the program defines no clause for
-them), which run while grounding.
+the two notations meaning the same and mixing freely. A probability is a
+number or an arithmetic expression, and may use variables that the body
+binds (`P::a(X) :- w(X, P).`). `null` as a head atom stands for "no atom".
+A body is a goal: program atoms, `\+ G` and `not(G)`, conjunctions and
+disjunctions of them, and calls to ordinary Prolog predicates (the program
+defines no clause for them), which run while grounding. A disjunction or
+negated conjunction over program atoms is an auxiliary atom of its own, so
+that a probabilistic rule still makes one choice per grounding. `\+ G`
+with variables that occur nowhere else in the clause means that G has no
+solution. In a program, the facts
+
+    query(Goal).     evidence(Goal).     evidence(Atom, true).     evidence(Atom, false).
+
+are not clauses: they list the program's questions (lpad_queries/2,
+prob_queries/1 and `bin/cplogic FILE`).
+
+A ground program is a set of rules; a ground body atom that no rule causes
+is false. Its meaning in each world (each choice of the rules) is the least
+model of the chosen rules: positive cycles (reachability over a graph with
+cycles, left recursion) are answered exactly. Negation through a cycle has
+no such meaning and is an error naming the atoms of the cycle.
 
 Queries ground only what they need: starting from the query and evidence
 atoms, the ground instances of the clauses whose head can produce an atom
-and whose body can hold are added to the module's theory object, whose atom
-table remembers which atoms are done. The theory is kept across queries.
-A ground program is a set of rules; a ground body atom that no rule causes
-is false.
+and whose body can hold are collected, cycles among them are rewritten into
+acyclic rules (module cplogic_cycles), and the rules are added to the
+module's theory object, whose atom table remembers which atoms are done. The
+theory is kept across queries.
+
+A query or evidence goal that is not a ground atom of the program becomes a
+clause of its own, `'$cplogic_goal_N'(AnswerVars) :- Goal`, added to the
+program once per goal (up to variable renaming): its atom holds in a world
+exactly when the goal has a solution there. Auxiliary atoms and predicates
+have names that start with `$cplogic`; they never appear in answers.
+
+Outside the language, and errors that name the clause: a program atom
+inside findall/3, aggregate_all/3, forall/2, call/N or another meta-call,
+an if-then-else over program atoms, and a head that is not ground once its
+body is solved (not range-restricted).
 */
 
 :- use_module(library(lists)).
@@ -38,31 +74,48 @@ is false.
 :- use_module(library(assoc)).
 :- use_module(library(ordsets)).
 :- use_module(library(pairs)).
+:- use_module(library(aggregate)).
+:- use_module(cplogic_cycles).
 
 :- meta_predicate
     prob(:, -),
     prob(:, +, -),
     prob(:, +, -, +),
+    prob_all(:, -),
+    prob_all(:, +, -),
+    prob_all(:, +, -, +),
+    prob_queries(:),
+    prob_queries(:, +),
+    lpad_queries(:, -),
     lpad_load(:),
     lpad_theory(:, -),
     lpad_ground(:, -).
 
 % lpad_clause(Id, Module, Heads, Body, Where): Id is unique over all modules;
-% Heads = [Atom-Prob, ...] without null atoms; Body = [pos(A) | neg(A) |
-% call(G), ...]; Where names the clause in messages.
+% Heads = [Atom-Prob, ...] without null atoms, Prob a float or an expression
+% that the body binds; Body = [pos(A) | neg(A) | call(G), ...]; Where names
+% the clause in messages.
 :- dynamic lpad_clause/5.
 % lpad_index(Key, Head, Id, Pos, Ground, Module): head atom Pos of clause Id
 % is Head; Key is one of the hashes of head_keys/3. Ground is true for a
 % clause without variables, which has a single grounding.
 :- dynamic lpad_index/6.
 :- dynamic lpad_key_count/3.        % Key, Count, Module: index entries of Key
-:- dynamic lpad_pending/4.          % Module, Heads, RawBody, Where: being read
+:- dynamic lpad_pred/3.             % Module, Name, Arity: a program predicate
+:- dynamic lpad_recursive/3.        % Module, Name, Arity: on a predicate cycle
+:- dynamic lpad_query/3.            % Module, Goal, Where: a query/1 fact
+:- dynamic lpad_evidence/3.         % Module, Literal, Where: an evidence fact
+:- dynamic lpad_goal/3.             % Module, Key, Goal-Head: a goal's clause
+:- dynamic lpad_pending/3.          % Module, Item, Where: being read
 :- dynamic lpad_reading/2.          % Module, File
 :- dynamic lpad_read_error/1.       % Module: a clause of the block was refused
 :- dynamic lpad_program/1.          % Module: it has a program
 :- dynamic lpad_object/2.           % Module, Theory
 :- dynamic lpad_rule/5.             % Hash, ClauseId, Heads, Lits, Module: added
 :- dynamic lpad_done/2.             % ClauseId, Module: ground clause in the theory
+:- dynamic lpad_collected/1.        % Rule: grounded, not yet in the theory
+:- dynamic lpad_false/3.            % Hash, Atom, Module: Atom never holds
+:- dynamic lpad_support/3.          % Hash, Atom, Supports: see decide_support/2
 
 :- multifile prolog:message//1.
 :- multifile user:term_expansion/2.
@@ -79,7 +132,7 @@ is false.
 begin_lpad :-
     prolog_load_context(module, M),
     (   prolog_load_context(source, File) -> true ; File = user ),
-    retractall(lpad_pending(M, _, _, _)),
+    retractall(lpad_pending(M, _, _)),
     retractall(lpad_read_error(M)),
     retractall(lpad_reading(M, _)),
     assertz(lpad_reading(M, File)).
@@ -91,10 +144,10 @@ begin_lpad :-
 end_lpad :-
     prolog_load_context(module, M),
     retractall(lpad_reading(M, _)),
-    findall(H-B-W, retract(lpad_pending(M, H, B, W)), Clauses),
+    findall(I-W, retract(lpad_pending(M, I, W)), Items),
     (   retract(lpad_read_error(M))
     ->  print_message(error, cplogic(program_not_loaded(M)))
-    ;   catch(install_program(M, Clauses), E,
+    ;   catch(install_program(M, Items), E,
               print_message(error, E))
     ).
 
@@ -104,8 +157,8 @@ user:term_expansion(Term, []) :-
     Term \= (:- _),
     Term \= end_of_file,
     (   source_location(File, Line) -> Where = File:Line ; Where = Term ),
-    catch(( parse_clause(Term, Where, Heads, Body),
-            assertz(lpad_pending(M, Heads, Body, Where))
+    catch(( parse_term(Term, Where, Item),
+            assertz(lpad_pending(M, Item, Where))
           ),
           E,
           ( assertz(lpad_read_error(M)), print_message(error, E) )).
@@ -124,11 +177,11 @@ lpad_load(File, M) :-
     (   is_of_type(text, File) -> true ; type_error(file_name, File) ),
     absolute_file_name(File, Path, [access(read), file_errors(error)]),
     read_program_terms(Path, Terms),
-    maplist(parse_located, Terms, Clauses),
-    install_program(M, Clauses).
+    maplist(parse_located, Terms, Items),
+    install_program(M, Items).
 
-parse_located(Term-Where, Heads-Body-Where) :-
-    parse_clause(Term, Where, Heads, Body).
+parse_located(Term-Where, Item-Where) :-
+    parse_term(Term, Where, Item).
 
 % Reads the file as Prolog text; a saved theory (whose lines are not all
 % Prolog syntax) is read line by line instead.
@@ -147,8 +200,9 @@ read_prolog_terms(Path, Terms) :-
         read_terms(In, Path, Terms),
         close(In)).
 
+% Read with this module's operators, so that P::H is a term.
 read_terms(In, Path, Terms) :-
-    catch(read_term(In, Term, [term_position(Pos)]),
+    catch(read_term(In, Term, [term_position(Pos), module(cplogic_lpad)]),
           error(syntax_error(What), Context),
           syntax_error_in(Path, What, Context)),
     (   Term == end_of_file
@@ -204,6 +258,28 @@ strip_saved_prefix(Line, Rule) :-
                  *      CHECKING CLAUSES        *
                  *******************************/
 
+% parse_term(+Term, +Where, -Item): Item is clause(Heads, RawBody),
+% query(Goal) or evidence(Literal).
+parse_term(Term, Where, Item) :-
+    (   nonvar(Term), Term = query(Q)
+    ->  program_goal(Q, query(Q), Where),
+        Item = query(Q)
+    ;   nonvar(Term), Term = evidence(E)
+    ->  program_goal(E, evidence(E), Where),
+        Item = evidence(E)
+    ;   nonvar(Term), Term = evidence(A, V)
+    ->  program_goal(A, evidence(A, V), Where),
+        (   V == true -> Item = evidence(A)
+        ;   V == false -> Item = evidence(\+ A)
+        ;   lpad_error(bad_evidence_value(evidence(A, V)), Where)
+        )
+    ;   parse_clause(Term, Where, Heads, Body),
+        Item = clause(Heads, Body)
+    ).
+
+program_goal(G, Fact, Where) :-
+    (   callable(G) -> true ; lpad_error(bad_directive(Fact), Where) ).
+
 % parse_clause(+Term, +Where, -Heads, -RawBody)
 parse_clause(Term, Where, Heads, Body) :-
     (   Term = (Head :- Body0) -> true ; Head = Term, Body0 = true ),
@@ -218,6 +294,10 @@ head_list(Head, Where, Heads) :-
     ->  head_list(A, Where, HA),
         head_list(B, Where, HB),
         append(HA, HB, Heads)
+    ;   Head = (Expr :: Atom)
+    ->  head_atom(Atom, Where),
+        probability(Expr, Where, P),
+        Heads = [Atom-P]
     ;   Head = (Atom : Expr)
     ->  head_atom(Atom, Where),
         probability(Expr, Where, P),
@@ -227,7 +307,7 @@ head_list(Head, Where, Heads) :-
     ).
 
 head_atom(Atom, Where) :-
-    (   callable(Atom), \+ control(Atom)
+    (   callable(Atom), \+ control(Atom), Atom \= (_::_)
     ->  true
     ;   lpad_error(bad_head(Atom), Where)
     ).
@@ -235,11 +315,22 @@ head_atom(Atom, Where) :-
 control((_,_)).
 control((_;_)).
 control((_->_)).
+control((_*->_)).
 control((_:-_)).
 control(\+ _).
 control(_:_).
 
+% A ground probability is checked now; one with variables when the body
+% has bound them (head_probabilities/3).
 probability(Expr, Where, P) :-
+    (   var(Expr)
+    ->  P = Expr
+    ;   ground(Expr)
+    ->  probability_value(Expr, Where, P)
+    ;   P = Expr
+    ).
+
+probability_value(Expr, Where, P) :-
     (   ground(Expr),
         catch(V is Expr, _, fail),
         number(V)
@@ -251,7 +342,8 @@ probability(Expr, Where, P) :-
     ).
 
 check_probabilities(Heads, Where) :-
-    pairs_values(Heads, Ps),
+    pairs_values(Heads, Ps0),
+    include(number, Ps0, Ps),
     sum_list(Ps, Sum),
     (   Sum > 1.0 + 1.0e-9
     ->  lpad_error(probabilities_above_one(Sum), Where)
@@ -267,61 +359,203 @@ lpad_error(Culprit, Where) :-
                  *      INSTALLING A PROGRAM    *
                  *******************************/
 
-% install_program(+Module, +Clauses): Clauses = [Heads-RawBody-Where, ...].
-% The probabilistic predicates are those that some head defines; any other
-% body goal is a call made while grounding. Everything is checked before
-% the old program is dropped.
-install_program(M, Clauses) :-
-    findall(N/A-true, ( member(Hs-_-_, Clauses), member(H-_, Hs),
-                        functor(H, N, A) ), Preds0),
+% install_program(+Module, +Items): Items = [Item-Where, ...] as parse_term/3
+% gives them. The probabilistic predicates are those that some head
+% defines; any other body goal is a call made while grounding. Everything
+% is checked before the old program is dropped.
+install_program(M, Items) :-
+    findall(Hs-B-W, member(clause(Hs, B)-W, Items), Clauses0),
+    findall(N/A, ( member(Hs-_-_, Clauses0), member(H-_, Hs),
+                   functor(H, N, A) ), Preds0),
     sort(Preds0, Preds),
-    list_to_assoc(Preds, PredSet),
-    maplist(classify_clause(PredSet), Clauses, Classified),
+    list_to_assoc_set(Preds, PredSet),
+    foldl(body_clauses(M, PredSet), Clauses0, Clauses, []),
     forget_program(M),
     assertz(lpad_program(M)),
-    foldl(store_clause(M), Classified, Keys0, []),
+    findall(N/A, ( member(Hs-_-_, Clauses), member(H-_, Hs), functor(H, N, A) ), All0),
+    sort(All0, All),
+    forall(member(N/A, All), assertz(lpad_pred(M, N, A))),
+    add_clauses(M, Clauses),
+    recursive_predicates(M, Clauses),
+    forall(member(query(Q)-W, Items), assertz(lpad_query(M, Q, W))),
+    forall(member(evidence(E)-W, Items), assertz(lpad_evidence(M, E, W))).
+
+list_to_assoc_set(Keys, Set) :-
+    pairs_keys_values(Pairs, Keys, Keys),
+    list_to_assoc(Pairs, Set).
+
+% add_clauses(+M, +Clauses): stores Heads-Body-Where clauses and counts
+% their index keys.
+add_clauses(M, Clauses) :-
+    foldl(store_clause(M), Clauses, Keys0, []),
     msort(Keys0, Keys),
     clumped(Keys, Counts),
-    forall(member(K-C, Counts), assertz(lpad_key_count(K, C, M))).
+    forall(member(K-C, Counts), add_key_count(K, C, M)).
 
-classify_clause(PredSet, Heads-Raw-Where, Heads-Body-Where) :-
-    body_literals(Raw, PredSet, Where, Body, []).
+add_key_count(K, C, M) :-
+    (   retract(lpad_key_count(K, C0, M))
+    ->  C1 is C0 + C
+    ;   C1 = C
+    ),
+    assertz(lpad_key_count(K, C1, M)).
 
-body_literals(true, _, _, L, L) :- !.
-body_literals((A, B), Preds, Where, L0, L) :-
-    !,
-    body_literals(A, Preds, Where, L0, L1),
-    body_literals(B, Preds, Where, L1, L).
-body_literals(G, _, Where, _, _) :-
+program_pred(M, G) :-
+    callable(G),
+    functor(G, N, A),
+    lpad_pred(M, N, A).
+
+                 /*******************************
+                 *            BODIES            *
+                 *******************************/
+
+% body_clauses(+M, +Preds, +Clause, -Clauses, ?Tail): the clause with its
+% body as a list of literals, and the auxiliary clauses that define the
+% disjunctions and negated goals of the body.
+body_clauses(M, Preds, Heads-Raw-Where, [Heads-Body-Where | Aux], Tail) :-
+    Ctx = body(M, Preds, Where),
+    pairs_keys_values(Heads, _, Probs),
+    body_literals(Raw, Ctx, Heads-Probs, Body, [], Aux, Tail).
+
+% body_literals(+Goal, +Ctx, +Outside, -Lits, ?LitsTail, -Aux, ?AuxTail):
+% Outside holds the variables of the rest of the clause, which decide what
+% an auxiliary atom shares with it.
+body_literals(G, body(_, _, Where), _, _, _, _, _) :-
     var(G),
     !,
     lpad_error(variable_goal, Where).
-body_literals(\+ G, Preds, Where, [Lit | L], L) :-
+body_literals(true, _, _, L, L, A, A) :- !.
+body_literals((G1, G2), Ctx, Out, L0, L, A0, A) :-
     !,
-    (   var(G) -> lpad_error(variable_goal, Where) ; true ),
-    (   prob_goal(G, Preds) -> Lit = neg(G) ; Lit = call(\+ G) ).
-body_literals(G, Preds, Where, [Lit | L], L) :-
+    body_literals(G1, Ctx, Out-G2, L0, L1, A0, A1),
+    body_literals(G2, Ctx, Out-G1, L1, L, A1, A).
+body_literals(\+ G, Ctx, Out, L0, L, A0, A) :-
+    !,
+    negated_literal(G, Ctx, Out, L0, L, A0, A).
+body_literals(not(G), Ctx, Out, L0, L, A0, A) :-
+    !,
+    negated_literal(G, Ctx, Out, L0, L, A0, A).
+body_literals(G, Ctx, Out, L0, L, A0, A) :-
+    Ctx = body(M, Preds, Where),
     (   prob_goal(G, Preds)
-    ->  Lit = pos(G)
-    ;   mentions_prob_goal(G, Preds)
+    ->  L0 = [pos(G) | L], A0 = A
+    ;   \+ mentions_prob_goal(M, G, Preds)
+    ->  L0 = [call(G) | L], A0 = A
+    ;   G = (_;_), \+ if_then(G)
+    ->  disjuncts(G, Gs),
+        aux_clauses(Gs, G, Ctx, Out, Atom, A0, A),
+        L0 = [pos(Atom) | L]
+    ;   control(G)
     ->  lpad_error(unsupported_body(G), Where)
-    ;   Lit = call(G)
+    ;   lpad_error(meta_call(G), Where)
     ).
+
+if_then((_->_)).
+if_then((_*->_)).
+if_then((G;_)) :- nonvar(G), if_then(G).
+
+disjuncts(G, Gs) :-
+    (   nonvar(G), G = (A ; B), \+ if_then(G)
+    ->  disjuncts(A, GA),
+        disjuncts(B, GB),
+        append(GA, GB, Gs)
+    ;   Gs = [G]
+    ).
+
+% \+ G: a call when G has no program atom; a negated literal when G is a
+% program atom whose variables the clause binds elsewhere; otherwise the
+% negation of an auxiliary atom for "G has a solution".
+negated_literal(G, body(_, _, Where), _, _, _, _, _) :-
+    var(G),
+    !,
+    lpad_error(variable_goal, Where).
+negated_literal(G, Ctx, Out, L0, L, A0, A) :-
+    Ctx = body(M, Preds, _),
+    (   \+ mentions_prob_goal(M, G, Preds)
+    ->  L0 = [call(\+ G) | L], A0 = A
+    ;   prob_goal(G, Preds),
+        term_variables(G, Vs),
+        term_variables(Out, OutVs),
+        subset_eq(Vs, OutVs)
+    ->  L0 = [neg(G) | L], A0 = A
+    ;   aux_clauses([G], G, Ctx, Out, Atom, A0, A),
+        L0 = [neg(Atom) | L]
+    ).
+
+subset_eq(Vs, Ws) :-
+    forall(member(V, Vs), var_in(Ws, V)).
+
+var_in(Vs, V) :-
+    member(W, Vs),
+    W == V,
+    !.
+
+% An auxiliary atom '$cplogic_body_N'(Shared), one deterministic clause per
+% disjunct, Shared the variables of Goal that the rest of the clause has.
+aux_clauses(Disjuncts, Goal, Ctx, Out, Atom, A0, A) :-
+    term_variables(Goal, GVs),
+    term_variables(Out, OutVs),
+    include(var_in(OutVs), GVs, Shared),
+    flag(cplogic_aux_pred, N, N + 1),
+    format(atom(Name), '$cplogic_body_~w', [N]),
+    Atom =.. [Name | Shared],
+    foldl(aux_clause(Atom, Ctx), Disjuncts, A0, A).
+
+% Each disjunct is a clause of its own, with variables of its own.
+aux_clause(Atom, Ctx, D, [Clause | Aux0], Aux) :-
+    copy_term(Atom-D, A1-D1),
+    Ctx = body(_, _, Where),
+    Clause = [A1-1.0]-Body-Where,
+    body_literals(D1, Ctx, A1, Body, [], Aux0, Aux).
 
 prob_goal(G, Preds) :-
     callable(G),
     functor(G, N, A),
     get_assoc(N/A, Preds, _).
 
-% Control constructs around program atoms would need worlds of their own.
-mentions_prob_goal(G, Preds) :-
-    compound(G),
-    control(G),
-    G =.. [_ | Args],
-    member(Arg, Args),
-    nonvar(Arg),
-    (   prob_goal(Arg, Preds) -> true ; mentions_prob_goal(Arg, Preds) ),
+% A goal that calls a program atom: through a control construct or as a
+% meta-argument (findall/3, forall/2, call/N, ...). A meta-argument that is
+% a variable is decided when it runs (call_goal/3).
+mentions_prob_goal(_, G, _) :-
+    var(G),
+    !,
+    fail.
+mentions_prob_goal(_, G, Preds) :-
+    prob_goal(G, Preds),
     !.
+mentions_prob_goal(M, G, Preds) :-
+    compound(G),
+    (   control(G)
+    ->  G =.. [_ | Args],
+        member(Arg, Args),
+        mentions_prob_goal(M, Arg, Preds)
+    ;   catch(predicate_property(M:G, meta_predicate(Spec)), _, fail),
+        arg(I, Spec, S),
+        meta_arg(S, Extra),
+        arg(I, G, Arg),
+        extended_goal(Arg, Extra, Goal),
+        mentions_prob_goal(M, Goal, Preds)
+    ),
+    !.
+
+meta_arg(N, N) :- integer(N).
+meta_arg(^, 0).
+meta_arg(//, 2).
+
+extended_goal(Arg, Extra, Goal) :-
+    nonvar(Arg),
+    strip_carets(Arg, G0),
+    callable(G0),
+    length(Vs, Extra),
+    G0 =.. L0,
+    append(L0, Vs, L),
+    Goal =.. L.
+
+strip_carets(G0, G) :-
+    (   nonvar(G0), G0 = _^G1 -> strip_carets(G1, G) ; G = G0 ).
+
+                 /*******************************
+                 *     STORING AND INDEXING     *
+                 *******************************/
 
 % store_clause(+Module, +Clause, -Keys, ?Tail): asserts the clause under a
 % fresh id and its head atoms in the index; Keys are the index keys used.
@@ -365,12 +599,18 @@ forget_program(M) :-
     retractall(lpad_clause(_, M, _, _, _)),
     retractall(lpad_index(_, _, _, _, _, M)),
     retractall(lpad_key_count(_, _, M)),
+    retractall(lpad_pred(M, _, _)),
+    retractall(lpad_recursive(M, _, _)),
+    retractall(lpad_query(M, _, _)),
+    retractall(lpad_evidence(M, _, _)),
+    retractall(lpad_goal(M, _, _)),
     abolish_table_subgoals(cplogic_lpad:possible(M, _)),
     forget_theory(M).
 
 forget_theory(M) :-
     forall(retract(lpad_object(M, T)), catch(cplogic:pelm_free(T), _, true)),
     retractall(lpad_rule(_, _, _, _, M)),
+    retractall(lpad_false(_, _, M)),
     retractall(lpad_done(_, M)).
 
 % clause_for_head(+Module, ?Atom, -Id, -Pos, -Ground): head atom Pos of
@@ -408,18 +648,56 @@ bound_arg_keys(M, N, Ar, Arg, I-Cands, I1-Tail) :-
 key_count(K, M, C) :-
     (   lpad_key_count(K, C0, M) -> C = C0 ; C = 0 ).
 
+% Predicates on a cycle of the predicate dependency graph: only their ground
+% atoms can be on a ground cycle.
+recursive_predicates(M, Clauses) :-
+    findall(P-Q, ( member(Hs-Body-_, Clauses), member(H-_, Hs),
+                   member(L, Body), L \= call(_),
+                   arg(1, L, B), pred_key(H, P), pred_key(B, Q) ), Edges0),
+    sort(Edges0, Edges),
+    (   Edges == []
+    ->  true
+    ;   group_pairs_by_key(Edges, Succ0),
+        list_to_assoc(Succ0, Succ),
+        forall(( member(P-_, Succ0), reaches_itself(P, Succ) ),
+               ( P = N/A, assertz(lpad_recursive(M, N, A)) ))
+    ).
+
+pred_key(G, N/A) :-
+    functor(G, N, A).
+
+reaches_itself(P, Succ) :-
+    get_assoc(P, Succ, Next),
+    reach(Next, Succ, [], P).
+
+reach([Q | Qs], Succ, Seen, P) :-
+    (   Q == P
+    ->  true
+    ;   memberchk(Q, Seen)
+    ->  reach(Qs, Succ, Seen, P)
+    ;   (   get_assoc(Q, Succ, More) -> true ; More = [] ),
+        append(More, Qs, Queue),
+        reach(Queue, Succ, [Q | Seen], P)
+    ).
+
                  /*******************************
                  *           QUERIES            *
                  *******************************/
 
-%!  prob(:Query, -Prob) is det.
-%!  prob(:Query, +Evidence, -Prob) is det.
-%!  prob(:Query, +Evidence, -Prob, +Options) is det.
+%!  prob(:Goal, -Prob) is det.
+%!  prob(:Goal, +Evidence, -Prob) is det.
+%!  prob(:Goal, +Evidence, -Prob, +Options) is det.
 %
-%   Prob is the probability of the ground atom Query given Evidence, a list
-%   of ground atoms observed true and `\+ Atom` observed false. Options:
-%   method(cf|tables|cpts|cfme) and elimination(cst|absorption). Evidence
-%   of probability 0 raises contradictory_evidence(Evidence).
+%   Prob is the probability that Goal has a solution, given Evidence. Goal
+%   is a ground atom of the program or any goal over program atoms and
+%   ordinary Prolog: conjunctions, disjunctions, `\+`, variables (read as
+%   "for some value"). Evidence is a list of goals observed true and
+%   `\+ Goal` observed false, typically ground atoms. Options:
+%   method(cf|tables|cpts|cfme), elimination(cst|absorption),
+%   max_table_entries(N) (refuse a query whose largest table would have
+%   more entries) and progress(Bool) (report on standard error when
+%   grounding or the query takes long). Evidence of probability 0 raises
+%   contradictory_evidence(Evidence).
 prob(Q, P) :-
     prob(Q, [], P, []).
 
@@ -428,20 +706,84 @@ prob(Q, E, P) :-
 
 prob(M:Q, Evidence, P, Options) :-
     program_module(M, PM),
-    check_query(Q),
     must_be(list, Evidence),
-    maplist(evidence_literal, Evidence, EvAtoms, EvTerms),
-    option(method(Method), Options, cf),
-    option(elimination(Elim), Options, cst),
-    must_be(oneof([cf, tables, cpts, cfme]), Method),
-    must_be(oneof([cst, absorption]), Elim),
+    query_options(Options, Settings),
     % the core names the evidence in its own terms; the error names it as
     % the caller wrote it
     catch(with_mutex(cplogic_lpad,
-                     query_program(PM, Q, EvAtoms, EvTerms, Method, Elim, P0)),
+                     query_program(PM, Q, Evidence, Settings, P0)),
           error(cplogic_error(contradictory_evidence(_), evidence), _),
           throw(error(cplogic_error(contradictory_evidence(Evidence), evidence), _))),
     P = P0.
+
+%!  prob_all(:Goal, -Answers) is det.
+%!  prob_all(:Goal, +Evidence, -Answers) is det.
+%!  prob_all(:Goal, +Evidence, -Answers, +Options) is det.
+%
+%   Answers is the list Instance-Prob, in the standard order of Instance,
+%   of every instance of Goal whose probability given Evidence is above 0.
+%   An instance binds the variables of Goal outside negations; variables
+%   inside a negation stay (`\+ G` with them means G has no solution). A
+%   goal without such variables has the one answer Goal-Prob, whatever
+%   Prob is. Options and errors as prob/4.
+prob_all(G, Answers) :-
+    prob_all(G, [], Answers, []).
+
+prob_all(G, E, Answers) :-
+    prob_all(G, E, Answers, []).
+
+prob_all(M:G, Evidence, Answers, Options) :-
+    program_module(M, PM),
+    must_be(list, Evidence),
+    query_options(Options, Settings),
+    catch(with_mutex(cplogic_lpad,
+                     all_answers(PM, G, Evidence, Settings, Answers0)),
+          error(cplogic_error(contradictory_evidence(_), evidence), _),
+          throw(error(cplogic_error(contradictory_evidence(Evidence), evidence), _))),
+    Answers = Answers0.
+
+%!  lpad_queries(:Queries, -Evidence) is det.
+%
+%   Queries are the goals of the program's query/1 facts and Evidence the
+%   literals of its evidence/1,2 facts (`\+ A` for evidence(A, false)), in
+%   the order of the program.
+lpad_queries(M:Queries, Evidence) :-
+    program_module(M, PM),
+    findall(Q, lpad_query(PM, Q, _), Queries),
+    findall(E, lpad_evidence(PM, E, _), Evidence).
+
+%!  prob_queries(:Answers) is det.
+%!  prob_queries(:Answers, +Options) is det.
+%
+%   Answers the program's query/1 facts under its evidence facts: Answers
+%   is the list Goal-Prob in the order of the queries, a query with
+%   variables giving its instances as prob_all/4 does.
+prob_queries(MA) :-
+    prob_queries(MA, []).
+
+prob_queries(M:Answers, Options) :-
+    lpad_queries(M:Queries, Evidence),
+    foldl(query_answers(M, Evidence, Options), Queries, Answers, []).
+
+query_answers(M, Evidence, Options, Q, Answers, Tail) :-
+    prob_all(M:Q, Evidence, L, Options),
+    append(L, Tail, Answers).
+
+% Settings: s(Method, Elimination, CoreOptions, Progress).
+query_options(Options, s(Method, Elim, CoreOptions, Progress)) :-
+    must_be(list, Options),
+    option(method(Method), Options, cf),
+    option(elimination(Elim), Options, cst),
+    option(progress(Progress), Options, false),
+    must_be(oneof([cf, tables, cpts, cfme]), Method),
+    must_be(oneof([cst, absorption]), Elim),
+    must_be(boolean, Progress),
+    (   option(max_table_entries(Max), Options)
+    ->  must_be(positive_integer, Max),
+        Limit = [max_table_entries(Max)]
+    ;   Limit = []
+    ),
+    (   Progress == true -> CoreOptions = [progress(true) | Limit] ; CoreOptions = Limit ).
 
 program_module(M, M) :-
     lpad_program(M),
@@ -449,25 +791,112 @@ program_module(M, M) :-
 program_module(M, _) :-
     throw(error(cplogic_error(no_program(M), M), _)).
 
-check_query(Q) :-
-    (   ground(Q), callable(Q), \+ control(Q)
-    ->  true
-    ;   throw(error(cplogic_error(bad_query(Q), query), _))
-    ).
-
-evidence_literal(L, A, e(A, V)) :-
-    (   nonvar(L), L = (\+ A0) -> A = A0, V = 0 ; A = L, V = 1 ),
-    (   ground(A), callable(A), \+ control(A)
-    ->  true
-    ;   throw(error(cplogic_error(bad_evidence(L), evidence), _))
-    ).
-
-query_program(M, Q, EvAtoms, EvTerms, Method, Elim, P) :-
+query_program(M, Goal, Evidence, Settings, P) :-
+    goal_atom(M, Goal, bad_query(Goal), Q),
+    maplist(evidence_term(M), Evidence, EvTerms),
+    findall(A, member(e(A, _), EvTerms), EvAtoms),
     theory_object(M, T),
-    ground_program(M, T, [Q | EvAtoms]),
-    cplogic:vorn_cp_theory_set_settings(T, 1, 0, Method, Elim, none),
-    cplogic:cplogic_prob(T, Q, EvTerms, P).
+    ground_program(M, T, [Q | EvAtoms], Settings),
+    theory_prob(T, Q, EvTerms, Settings, P).
 
+theory_prob(T, Q, EvTerms, s(Method, Elim, CoreOptions, _), P) :-
+    cplogic:vorn_cp_theory_set_settings(T, 1, 0, Method, Elim, none),
+    (   CoreOptions == []
+    ->  cplogic:cplogic_prob(T, Q, EvTerms, P)
+    ;   current_predicate(cplogic:cplogic_prob/5)
+    ->  cplogic:cplogic_prob(T, Q, EvTerms, P, CoreOptions)
+    ;   memberchk(max_table_entries(_), CoreOptions)
+    ->  throw(error(cplogic_error(no_table_limit, query), _))
+    ;   cplogic:cplogic_prob(T, Q, EvTerms, P)
+    ).
+
+% goal_atom(+M, +Goal, +Culprit, -Atom): the atom whose probability is
+% that of Goal: Goal itself for a ground program atom, otherwise the head
+% of Goal's own clause.
+goal_atom(M, Goal, Culprit, Atom) :-
+    (   callable(Goal)
+    ->  true
+    ;   throw(error(cplogic_error(Culprit, query), _))
+    ),
+    (   ground(Goal), program_pred(M, Goal)
+    ->  Atom = Goal
+    ;   goal_clause(M, Goal, [], Atom)
+    ).
+
+evidence_term(M, L, e(A, V)) :-
+    (   nonvar(L), ( L = (\+ G) ; L = not(G) )
+    ->  V = 0
+    ;   G = L, V = 1
+    ),
+    goal_atom(M, G, bad_evidence(L), A).
+
+% goal_clause(+M, +Goal, +Vars, -Head): Head = '$cplogic_goal_N'(Vars)
+% with the clause Head :- Goal in the program; one clause per goal and
+% answer variables, up to renaming.
+goal_clause(M, Goal, Vars, Head) :-
+    variant_sha1(Goal-Vars, Key),
+    (   lpad_goal(M, Key, Stored)
+    ->  copy_term(Stored, Goal-Vars-Head)
+    ;   copy_term(Goal-Vars, G1-V1),
+        flag(cplogic_aux_pred, N, N + 1),
+        format(atom(Name), '$cplogic_goal_~w', [N]),
+        H1 =.. [Name | V1],
+        findall(N1/A1, lpad_pred(M, N1, A1), Preds0),
+        list_to_assoc_set(Preds0, Preds),
+        body_clauses(M, Preds, [H1-1.0]-G1-goal(Goal), Clauses, []),
+        setof(HN/HA, Hs^B^W^H^P^( member(Hs-B-W, Clauses), member(H-P, Hs),
+                                   functor(H, HN, HA) ), New),
+        forall(member(HN/HA, New), assertz(lpad_pred(M, HN, HA))),
+        add_clauses(M, Clauses),
+        assertz(lpad_goal(M, Key, G1-V1-H1)),
+        copy_term(G1-V1-H1, Goal-Vars-Head)
+    ).
+
+% The variables an instance binds: those of Goal outside negations.
+answer_variables(Goal, Vars) :-
+    positive_part(Goal, Pos),
+    term_variables(Pos, Vars).
+
+positive_part(G, P) :-
+    (   var(G) -> P = G
+    ;   G = (\+ _) -> P = []
+    ;   G = not(_) -> P = []
+    ;   G = (A, B) -> positive_part(A, PA), positive_part(B, PB), P = PA-PB
+    ;   G = (A ; B) -> positive_part(A, PA), positive_part(B, PB), P = PA-PB
+    ;   G = (A -> B) -> positive_part(A, PA), positive_part(B, PB), P = PA-PB
+    ;   P = G
+    ).
+
+all_answers(M, Goal, Evidence, Settings, Answers) :-
+    (   callable(Goal) -> true ; throw(error(cplogic_error(bad_query(Goal), query), _)) ),
+    answer_variables(Goal, Vars),
+    maplist(evidence_term(M), Evidence, EvTerms),
+    findall(A, member(e(A, _), EvTerms), EvAtoms),
+    theory_object(M, T),
+    (   Vars == []
+    ->  goal_atom(M, Goal, bad_query(Goal), Q),
+        ground_program(M, T, [Q | EvAtoms], Settings),
+        theory_prob(T, Q, EvTerms, Settings, P),
+        Answers = [Goal-P]
+    ;   goal_clause(M, Goal, Vars, Head),
+        findall(Head, possible(M, Head), Heads0),
+        sort(Heads0, Heads),
+        (   member(H, Heads), \+ ground(H)
+        ->  throw(error(cplogic_error(unbound_answer(Goal), query), _))
+        ;   true
+        ),
+        append(Heads, EvAtoms, ToGround),
+        ground_program(M, T, ToGround, Settings),
+        findall(Instance-P,
+                ( member(H, Heads),
+                  theory_prob(T, H, EvTerms, Settings, P),
+                  P > 0.0,
+                  H =.. [_ | Values],
+                  copy_term(Vars-Goal, Values-Instance)
+                ),
+                Answers0),
+        sort(Answers0, Answers)
+    ).
 
 %!  lpad_theory(:Dummy, -Theory) is det.
 %
@@ -484,10 +913,16 @@ lpad_theory(M:_, T) :-
 lpad_ground(M:Atoms, T) :-
     program_module(M, PM),
     must_be(list, Atoms),
-    maplist(check_query, Atoms),
+    maplist(check_ground_atom, Atoms),
     with_mutex(cplogic_lpad,
                ( theory_object(PM, T),
-                 ground_program(PM, T, Atoms) )).
+                 ground_program(PM, T, Atoms, s(cf, cst, [], false)) )).
+
+check_ground_atom(A) :-
+    (   ground(A), callable(A), \+ control(A)
+    ->  true
+    ;   throw(error(cplogic_error(bad_query(A), query), _))
+    ).
 
 theory_object(M, T) :-
     lpad_object(M, T),
@@ -500,63 +935,149 @@ theory_object(M, T) :-
                  *           GROUNDING          *
                  *******************************/
 
-% ground_program(+Module, +Theory, +Atoms): adds the ground rules that Atoms
-% need. On an error the theory is dropped: it may hold part of a grounding.
-ground_program(M, T, Atoms) :-
-    catch(walk([frame(root, Atoms)], M, T), E,
-          ( forget_theory(M), throw(E) )).
+% ground_program(+Module, +Theory, +Atoms, +Settings): adds the ground rules
+% that Atoms need. The rules are collected first (in the database, so that a
+% long chain costs no stack); rules that need an atom that can never hold
+% are dropped; when the walk met a cycle, the cyclic components are
+% rewritten into acyclic rules. On an error the theory is dropped: it may
+% hold part of a grounding.
+ground_program(M, T, Atoms, Settings) :-
+    arg(4, Settings, Progress),
+    get_time(Start),
+    State = walk(false, Progress, Start, Start, 0, 0),
+    catch(( walk([frame(root, Atoms)], M, T, State),
+            (   arg(1, State, true)
+            ->  findall(R, ( retract(lpad_collected(R0)), useful_rule(M, R0, R) ), Rules),
+                acyclic_rules(Rules, Acyclic),
+                maplist(add_rule(T), Acyclic)
+            ;   forall(( retract(lpad_collected(R0)), useful_rule(M, R0, R) ), add_rule(T, R))
+            ),
+            progress_done(State)
+          ),
+          E,
+          ( retractall(lpad_collected(_)),
+            retractall(lpad_support(_, _, _)),
+            forget_theory(M),
+            throw(E) )).
+
+add_rule(T, rule(Heads, Lits, _)) :-
+    maplist(head_term, Heads, HTerms),
+    maplist(body_term, Lits, BTerms),
+    cplogic:vorn_cp_theory_add_event(T, event(HTerms, BTerms)).
+
+% A rule whose body needs an atom that never holds is left out, and a
+% negated literal on such an atom is true: false atoms would otherwise stay
+% in the network as variables that tie their neighbours together.
+useful_rule(M, rule(Heads, Lits0, Where), rule(Heads, Lits, Where)) :-
+    \+ ( member(pos(A), Lits0), never_holds(M, A) ),
+    exclude(negated_false(M), Lits0, Lits).
+
+negated_false(M, neg(A)) :-
+    never_holds(M, A).
+
+never_holds(M, A) :-
+    term_hash(A, H),
+    lpad_false(H, A, M).
 
 % A depth-first walk over the ground atoms with an explicit stack, so that
 % the depth of the program costs no Prolog recursion. The theory's atom
 % table marks an atom 1 from its expansion until all it depends on is done,
 % then 2: meeting a 1 is meeting an atom on the current path, a cycle.
-walk([], _, _).
-walk([frame(A, Children) | Stack], M, T) :-
+% When an atom is done and none of its rules is free of atoms that never
+% hold (atoms on the current path may hold), it never holds either.
+% State = walk(Cyclic, Progress, Start, LastReport, Atoms, Rules).
+walk([], _, _, _).
+walk([frame(A, Children) | Stack], M, T, State) :-
     (   Children = [C | Cs]
     ->  cplogic:vorn_cp_theory_atom_in_table(T, C, Status),
         (   Status =:= 2
-        ->  walk([frame(A, Cs) | Stack], M, T)
+        ->  walk([frame(A, Cs) | Stack], M, T, State)
         ;   Status =:= 0
-        ->  expand_atom(M, T, C, Next),
-            walk([frame(C, Next), frame(A, Cs) | Stack], M, T)
-        ;   throw(error(cplogic_error(cycle(C), C), _))
+        ->  expand_atom(M, C, Next, NRules),
+            progress(State, NRules),
+            walk([frame(C, Next), frame(A, Cs) | Stack], M, T, State)
+        ;   nb_setarg(1, State, true),
+            walk([frame(A, Cs) | Stack], M, T, State)
         )
     ;   (   Stack == []
         ->  true
         ;   cplogic:vorn_cp_theory_atom_table_success(T, A),
-            walk(Stack, M, T)
+            decide_support(M, A),
+            walk(Stack, M, T, State)
         )
     ).
 
-% expand_atom(+M, +T, +Atom, -BodyAtoms): adds every ground rule with Atom
-% in its head; BodyAtoms are the atoms of their bodies.
-expand_atom(M, T, A, BodyAtoms) :-
-    findall(B, ( rule_for_atom(M, T, A, Lits),
-                 member(L, Lits),
-                 arg(1, L, B) ),
-            BodyAtoms).
+% lpad_support(Hash, Atom, Supports) is kept in the database, not on the
+% walk's stack, and only for an atom whose every rule has a positive body
+% atom: Supports are these atoms, a list per rule.
+decide_support(M, A) :-
+    term_hash(A, H),
+    (   retract(lpad_support(H, A, Sup))
+    ->  (   member(Atoms, Sup), \+ ( member(B, Atoms), never_holds(M, B) )
+        ->  true
+        ;   assertz(lpad_false(H, A, M))
+        )
+    ;   true
+    ).
 
-rule_for_atom(M, T, A, Lits) :-
+% expand_atom(+M, +Atom, -Next, -Count): collects the Count ground rules
+% with Atom in their head; Next are the atoms of their bodies and, for the
+% predicates on a cycle, their other head atoms: every rule in the theory
+% then has all of its head atoms expanded, so a later query never finds a
+% cycle through rules that are already in the theory.
+expand_atom(M, A, Next, NRules) :-
+    findall(Rule-New, rule_for_atom(M, A, Rule, New), Rules),
+    forall(member(Rule-true, Rules), assertz(lpad_collected(Rule))),
+    aggregate_all(count, member(_-true, Rules), NRules),
+    (   member(rule(_, Fact, _)-_, Rules), \+ memberchk(pos(_), Fact)
+    ->  true
+    ;   findall(Ps, ( member(rule(_, Ls, _)-_, Rules),
+                      findall(P, member(pos(P), Ls), Ps) ), Sup),
+        term_hash(A, H),
+        assertz(lpad_support(H, A, Sup))
+    ),
+    findall(B, ( member(rule(Heads, Lits, _)-_, Rules),
+                 (   member(L, Lits), arg(1, L, B)
+                 ;   Heads = [_, _ | _],
+                     member(B-_, Heads), B \== A,
+                     functor(B, N, Ar), lpad_recursive(M, N, Ar)
+                 ) ),
+            Next).
+
+% rule_for_atom(+M, +A, -Rule, -New): the ground rules with A in their head;
+% New is false for a rule that another head atom added before, which still
+% gives A's dependencies (so that the walk meets every cycle).
+rule_for_atom(M, A, Rule, New) :-
     clause_for_head(M, A, Id, Pos, Ground),
     (   Ground == true
-    ->  \+ lpad_done(Id, M),
-        lpad_clause(Id, M, Heads, Body, Where),
-        assertz(lpad_done(Id, M)),
-        % every solution of a ground body gives the same rule
-        once(ground_rule(M, T, Id, Heads, Body, Where, ground, Lits))
+    ->  lpad_clause(Id, M, Heads, Body, Where),
+        (   lpad_done(Id, M)
+        ->  New = false,
+            include(literal, Body, Lits),
+            Rule = rule(Heads, Lits, Where)
+        ;   New = true,
+            assertz(lpad_done(Id, M)),
+            % every solution of a ground body gives the same rule
+            once(ground_rule(M, Id, Heads, Body, Where, ground, Rule))
+        )
     ;   lpad_clause(Id, M, Heads, Body, Where),
         nth1(Pos, Heads, A-_),
-        ground_rule(M, T, Id, Heads, Body, Where, new, Lits)
+        ground_rule(M, Id, Heads, Body, Where, New, Rule)
     ).
+
+literal(pos(_)).
+literal(neg(_)).
 
 % Every way the body can hold gives one ground rule. Substitutions of a
 % clause with variables that give the same rule (head atoms with their
 % pooled probabilities, set of body literals) add it once.
-ground_rule(M, T, Id, Heads0, Body, Where, Seen, Lits) :-
+ground_rule(M, Id, Heads0, Body, Where, New, rule(Heads, Lits, Where)) :-
     solve_body(Body, M, Where, Lits0),
-    (   ground(Heads0)
+    head_probabilities(Heads0, Where, Heads1),
+    (   ground(Heads1)
     ->  true
-    ;   throw(error(cplogic_error(nonground_head(Heads0), Where), _))
+    ;   pairs_keys(Heads1, As),
+        throw(error(cplogic_error(nonground_head(As), Where), _))
     ),
     (   ground(Lits0)
     ->  true
@@ -564,17 +1085,27 @@ ground_rule(M, T, Id, Heads0, Body, Where, Seen, Lits) :-
     ),
     sort(Lits0, Lits),
     consistent_body(Lits),
-    merge_heads(Heads0, Heads),
-    (   Seen == ground
+    merge_heads(Heads1, Heads),
+    (   New == ground
     ->  true
     ;   term_hash(Id-Heads-Lits, Hash),
-        \+ lpad_rule(Hash, Id, Heads, Lits, M)
-    ->  assertz(lpad_rule(Hash, Id, Heads, Lits, M))
-    ;   fail
-    ),
-    maplist(head_term, Heads, HTerms),
-    maplist(body_term, Lits, BTerms),
-    cplogic:vorn_cp_theory_add_event(T, event(HTerms, BTerms)).
+        (   lpad_rule(Hash, Id, Heads, Lits, M)
+        ->  New = false
+        ;   assertz(lpad_rule(Hash, Id, Heads, Lits, M)),
+            New = true
+        )
+    ).
+
+% Probabilities that the body bound are checked now.
+head_probabilities(Heads0, Where, Heads) :-
+    (   forall(member(_-P, Heads0), number(P))
+    ->  Heads = Heads0
+    ;   maplist(head_probability(Where), Heads0, Heads),
+        check_probabilities(Heads, Where)
+    ).
+
+head_probability(Where, A-E, A-P) :-
+    (   number(E) -> P = E ; probability_value(E, Where, P) ).
 
 solve_body([], _, _, []).
 solve_body([L | Ls], M, Where, Lits) :-
@@ -591,8 +1122,8 @@ solve_literal(neg(A), _, Where, [neg(A) | T], T) :-
     ->  true
     ;   throw(error(cplogic_error(nonground_negation(\+ A), Where), _))
     ).
-solve_literal(call(G), M, _, T, T) :-
-    call_goal(M, G).
+solve_literal(call(G), M, Where, T, T) :-
+    call_goal(M, G, Where).
 
 % A sorted body: neg(_) literals first, then pos(_), each block sorted by
 % atom. A body with A and \+A never holds.
@@ -634,29 +1165,79 @@ body_term(neg(A), \+ A).
 
 possible(M, A) :-
     clause_for_head(M, A, Id, Pos, _),
-    lpad_clause(Id, M, Heads, Body, _),
+    lpad_clause(Id, M, Heads, Body, Where),
     nth1(Pos, Heads, A-P),
-    P > 0.0,
-    possible_body(Body, M).
+    (   number(P)
+    ->  P > 0.0,
+        possible_body(Body, M, Where)
+    ;   possible_body(Body, M, Where),
+        probability_value(P, Where, V),
+        V > 0.0
+    ),
+    (   ground(A)
+    ->  true
+    ;   throw(error(cplogic_error(nonground_head([A]), Where), _))
+    ).
 
-possible_body([], _).
-possible_body([L | Ls], M) :-
-    possible_literal(L, M),
-    possible_body(Ls, M).
+possible_body([], _, _).
+possible_body([L | Ls], M, Where) :-
+    possible_literal(L, M, Where),
+    possible_body(Ls, M, Where).
 
-possible_literal(pos(A), M) :- possible(M, A).
-possible_literal(neg(_), _).
-possible_literal(call(G), M) :- call_goal(M, G).
+possible_literal(pos(A), M, _) :- possible(M, A).
+possible_literal(neg(_), _, _).
+possible_literal(call(G), M, Where) :- call_goal(M, G, Where).
 
 % A goal whose predicate neither the program nor Prolog defines is an atom
-% that nothing causes: false.
-call_goal(M, \+ G) :-
+% that nothing causes: false. A program atom that a meta-call reaches is
+% outside the language: an error, not a silent failure.
+call_goal(M, \+ G, Where) :-
     !,
-    \+ call_goal(M, G).
-call_goal(M, G) :-
+    \+ call_goal(M, G, Where).
+call_goal(M, G, Where) :-
     (   predicate_property(M:G, defined)
-    ->  call(M:G)
+    ->  catch(call(M:G), error(existence_error(procedure, PI), Ctx),
+              program_call(M, G, PI, Ctx, Where))
     ;   fail
+    ).
+
+program_call(M, G, PI, Ctx, Where) :-
+    (   PI = _:N/A -> true ; PI = N/A ),
+    (   lpad_pred(M, N, A)
+    ->  throw(error(cplogic_error(meta_call(G), Where), _))
+    ;   throw(error(existence_error(procedure, PI), Ctx))
+    ).
+
+% Grounding that runs for more than a second reports every second.
+progress(State, NRules) :-
+    arg(5, State, N0),
+    N is N0 + 1,
+    nb_setarg(5, State, N),
+    arg(6, State, K0),
+    K is K0 + NRules,
+    nb_setarg(6, State, K),
+    (   arg(2, State, true), N mod 256 =:= 0
+    ->  get_time(Now),
+        arg(3, State, Start),
+        arg(4, State, Last),
+        (   Now - Start > 1.0, Now - Last > 1.0
+        ->  nb_setarg(4, State, Now),
+            Secs is Now - Start,
+            format(user_error, "% cplogic: grounding, ~D atoms expanded, ~D rules, ~1f s~n",
+                   [N, K, Secs])
+        ;   true
+        )
+    ;   true
+    ).
+
+progress_done(State) :-
+    (   arg(2, State, true), arg(4, State, Last), arg(3, State, Start), Last > Start
+    ->  get_time(Now),
+        Secs is Now - Start,
+        arg(5, State, N),
+        arg(6, State, K),
+        format(user_error, "% cplogic: grounded ~D atoms, ~D rules in ~1f s~n", [N, K, Secs])
+    ;   true
     ).
 
                  /*******************************
@@ -672,8 +1253,13 @@ prolog:message(cplogic(program_not_loaded(M))) -->
 where(File:Line) --> { atom(File), integer(Line) }, !, [ '~w:~w: '-[File, Line] ].
 where(query) --> !.
 where(evidence) --> !.
+where(cycle) --> !.
+where(goal(G)) --> !, [ 'goal ~q: '-[G] ].
 where(M) --> { atom(M) }, !.
 where(Clause) --> [ 'in clause ~q: '-[Clause] ].
+
+quoted(T, S) :-
+    format(string(S), "~q", [T]).
 
 culprit(bad_head(H)) --> [ 'head ~q is not an atom or compound term'-[H] ].
 culprit(bad_probability(P)) --> [ 'probability ~q is not a number'-[P] ].
@@ -682,22 +1268,33 @@ culprit(probabilities_above_one(S)) -->
     [ 'the probabilities of the head sum to ~w, above 1'-[S] ].
 culprit(variable_goal) --> [ 'a body goal is a variable' ].
 culprit(unsupported_body(G)) -->
-    [ 'body goal ~q: program atoms may appear only as literals of a conjunction'-[G] ].
+    [ 'body goal ~q: an if-then-else over program atoms is not supported'-[G] ].
+culprit(meta_call(G)) -->
+    [ 'goal ~q calls program atoms through a meta-call (findall/3, aggregate_all/3, call/N, ...): not supported; write them as body literals'-[G] ].
 culprit(nonground_negation(L)) -->
     [ 'negated literal ~q is not ground when it is reached'-[L] ].
-culprit(nonground_head(Hs)) -->
-    { pairs_keys(Hs, As) },
-    [ 'head ~q is not ground after its body was solved'-[As] ].
+culprit(nonground_head(As)) -->
+    [ 'head ~q is not ground after its body was solved (not range-restricted)'-[As] ].
 culprit(nonground_body(Ls)) -->
     [ 'body literals ~q are not ground after the body was solved'-[Ls] ].
-culprit(bad_query(Q)) --> [ 'query ~q is not a ground atom'-[Q] ].
+culprit(bad_query(Q)) --> [ 'query ~q is not a goal'-[Q] ].
 culprit(bad_evidence(E)) -->
-    [ 'evidence ~q is not a ground atom or \\+ of one'-[E] ].
+    [ 'evidence ~q is not a goal or \\+ of one'-[E] ].
+culprit(bad_directive(F)) --> [ '~q: the argument is not a goal'-[F] ].
+culprit(bad_evidence_value(F)) --> [ '~q: the value is neither true nor false'-[F] ].
+culprit(unbound_answer(G)) -->
+    [ 'query ~q: a solution leaves an answer variable unbound'-[G] ].
 culprit(contradictory_evidence(Ls)) -->
-    { maplist([L, S]>>format(string(S), "~q", [L]), Ls, Ss),
+    { maplist(quoted, Ls, Ss),
       atomic_list_concat(Ss, ', ', Text) },
     [ 'the evidence ~w is contradictory: its probability is 0'-[Text] ].
-culprit(cycle(A)) -->
-    [ 'the ground program has a cycle through its rules at ~q'-[A] ].
+culprit(negation_in_cycle([H, B | Rest])) -->
+    [ 'negation through a cycle of atoms ~q: a rule for ~q has \\+ ~q, which depends on ~q'-[[H, B | Rest], H, B, H] ].
+culprit(negation_in_cycle([H])) -->
+    [ 'negation through a cycle: a rule for ~q has \\+ ~q'-[H, H] ].
+culprit(cycle_too_large(A)) -->
+    [ 'the cycle through ~q is too large to rewrite: its rules use several atoms of the cycle each (non-linear recursion), and replacing them multiplies the rules'-[A] ].
+culprit(no_table_limit) -->
+    [ 'max_table_entries/1 needs a host module with cplogic_prob/5' ].
 culprit(no_program(M)) -->
     [ 'module ~q has no LPAD program (use begin_lpad/end_lpad or lpad_load/1)'-[M] ].
