@@ -8,6 +8,7 @@
 #include "confactor.h"
 #include "cptheory.h"
 #include "cve.h"
+#include "querylimits.h"
 
 int32_t CPEvent::next_unique_id_ = 0;
 
@@ -104,8 +105,20 @@ Confactor* mergeIntoTable(Confactors& list) {
 // ---------------------------------------------------------------------------
 
 CPBodyAtom::~CPBodyAtom() {
-  for (CPBodyAtom* child : children_)
-    delete child;
+  // A body of a million literals is a path a million nodes deep: the
+  // descendants are taken over and freed from a list, each with no children
+  // left, so that no destructor recurses.
+  std::vector<CPBodyAtom*> pending;
+  pending.swap(children_);
+  while (!pending.empty()) {
+    CPBodyAtom* node = pending.back();
+    pending.pop_back();
+    if (node == nullptr)
+      continue;
+    pending.insert(pending.end(), node->children_.begin(), node->children_.end());
+    node->children_.clear();
+    delete node;
+  }
   delete probabilities_;
 }
 
@@ -467,40 +480,85 @@ int CPEvent::convertToConfactorsAsTree(Confactors* out, CVE*, bool tables,
 
 int CPEvent::confactorsFromSubtree(Confactors* out, CPBodyAtom* node, std::vector<Atom*>& path,
                                    std::vector<double>& defaults, const AtomBody* evidence) {
-  if (node == nullptr || node->atom_ == nullptr) {
-    // A tree without leaves leaves the choice at "no head atom".
-    std::vector<double>& values =
-        (node != nullptr && node->probabilities_ != nullptr) ? *node->probabilities_ : defaults;
-    out->push_back(new Confactor(path, choice_atom_, values));
-    return 1;
-  }
-  Atom* b = node->atom_;
-  int observed = -1;
-  if (evidence != nullptr) {
-    auto found = evidence->find(b);
-    if (found != evidence->end())
-      observed = found->second;
-  }
-  const int n = static_cast<int>(b->domainsize_);
-  std::vector<size_t> start(n, 0);
-  std::vector<int> count(n, 0);
-  int total = 0;
-  // Every value of b, also those beyond the child slots: a value no rule
-  // covers must still give the choice variable a distribution.
-  for (int v = 0; v < n; ++v) {
-    start[v] = out->size();
-    if (observed != -1 && v != observed)
-      continue;
-    CPBodyAtom* child =
-        static_cast<size_t>(v) < node->children_.size() ? node->children_[v] : nullptr;
-    if (child != nullptr) {
-      count[v] = confactorsFromSubtree(out, child, path, defaults, evidence);
-    } else {
-      out->push_back(new Confactor(path, choice_atom_, defaults));
-      count[v] = 1;
+  // Depth first with an explicit stack: a body of a million literals is a
+  // path a million nodes deep. A frame visits its node's values in turn; the
+  // count of the frame above receives each finished subtree's count.
+  struct Frame {
+    CPBodyAtom* node;
+    int observed;
+    int next;  // the value to visit next
+    std::vector<size_t> start;
+    std::vector<int> count;
+    int total;
+  };
+  int result = 0;
+  size_t context_entries = 0;
+  std::vector<Frame> stack;
+  // Enters a subtree: a leaf is done at once (its count goes to *done);
+  // an inner node gets a frame.
+  auto enter = [&](CPBodyAtom* n, int* done) {
+    if (n == nullptr || n->atom_ == nullptr) {
+      // A tree without leaves leaves the choice at "no head atom".
+      std::vector<double>& values =
+          (n != nullptr && n->probabilities_ != nullptr) ? *n->probabilities_ : defaults;
+      out->push_back(new Confactor(path, choice_atom_, values));
+      *done = 1;
+      return;
     }
-    total += count[v];
+    int observed = -1;
+    if (evidence != nullptr) {
+      auto found = evidence->find(n->atom_);
+      if (found != evidence->end())
+        observed = found->second;
+    }
+    const size_t values = n->atom_->domainsize_;
+    stack.push_back(
+        Frame{n, observed, 0, std::vector<size_t>(values, 0), std::vector<int>(values, 0), 0});
+  };
+  enter(node, &result);
+  while (!stack.empty()) {
+    Frame& f = stack.back();
+    const int n = static_cast<int>(f.node->atom_->domainsize_);
+    // Every value of the atom, also those beyond the child slots: a value no
+    // rule covers must still give the choice variable a distribution.
+    if (f.next < n) {
+      const int v = f.next++;
+      f.start[v] = out->size();
+      if (f.observed != -1 && v != f.observed)
+        continue;
+      CPBodyAtom* child =
+          static_cast<size_t>(v) < f.node->children_.size() ? f.node->children_[v] : nullptr;
+      if (child != nullptr) {
+        enter(child, &f.count[v]);  // may grow the stack: f is not used after
+      } else {
+        out->push_back(new Confactor(path, choice_atom_, defaults));
+        f.count[v] = 1;
+      }
+      continue;
+    }
+    Frame done = std::move(stack.back());
+    stack.pop_back();
+    const int total = finishSubtree(out, done.node->atom_, done.observed, done.start, done.count);
+    // Each leaf carries its whole path as context, so a long path with many
+    // leaves makes a quadratic number of entries: bounded like a table.
+    context_entries += static_cast<size_t>(total);
+    checkTableSize(context_entries);
+    if (stack.empty()) {
+      result = total;
+    } else {
+      Frame& parent = stack.back();
+      parent.count[parent.next - 1] = total;
+    }
   }
+  return result;
+}
+
+int CPEvent::finishSubtree(Confactors* out, Atom* b, int observed, const std::vector<size_t>& start,
+                           const std::vector<int>& count) {
+  const int n = static_cast<int>(b->domainsize_);
+  int total = 0;
+  for (int v = 0; v < n; ++v)
+    total += count[v];
   bool single = observed == -1;
   for (int v = 0; v < n && single; ++v)
     single = count[v] == 1;

@@ -165,6 +165,10 @@ class CPEvent {
                                 const AtomBody* evidence);
   int confactorsFromSubtree(Confactors* out, CPBodyAtom* node, std::vector<Atom*>& path,
                             std::vector<double>& defaults, const AtomBody* evidence);
+  // Ends a node of confactorsFromSubtree once every value's subtree is done:
+  // merges equal shapes into a table over b, else puts b in their contexts.
+  int finishSubtree(Confactors* out, Atom* b, int observed, const std::vector<size_t>& start,
+                    const std::vector<int>& count);
   void confactorsAsConjunctionChain(Confactors* out, CVE* engine, const AtomBody* evidence);
 
   // --- Text forms. ---

@@ -224,8 +224,12 @@ void CPTheory::linkSiblings() {
 }
 
 void CPTheory::compileBodies() {
-  for (CPEvent* event : events_)
-    event->compileParsedEvents();
+  // An interruption between events leaves needs_update_ set, and every
+  // event's tree is rebuilt from its rules at the next compile.
+  for (size_t i = 0; i < events_.size(); ++i) {
+    events_[i]->compileParsedEvents();
+    queryProgress("compiling", i + 1, events_.size());
+  }
 }
 
 int CPTheory::getObservedValue(Atom& atom) const {
