@@ -31,7 +31,8 @@ options.
   --given GOAL        evidence: GOAL is observed true; '\\+GOAL' observed false
   --method M          how rules become factors: cf (default), tables, cpts, cfme
   --elimination E     cst (default, complete confactor sets) or absorption
-  --max-table-entries N  refuse a query whose largest table would be larger
+  --max-table-entries N  the largest table a query may build (default
+                      16777216; inf for no bound)
   --progress          report on standard error when grounding or a query
                       takes long
   --dot FILE          write the ground theory the queries needed as Graphviz text
@@ -172,8 +173,9 @@ option_arg('--elimination', V, Gs, M, _, O, X, Gs, M, V, O, X) :-
     ).
 option_arg('--max-table-entries', V, Gs, M, E, O, X, Gs, M, E, O, [max_table_entries(N) | X]) :-
     !,
-    (   catch(atom_number(V, N), _, fail), integer(N), N > 0 -> true
-    ;   throw(usage(format("--max-table-entries needs a positive integer, not '~w'", [V])))
+    (   V == inf -> N = inf
+    ;   catch(atom_number(V, N), _, fail), integer(N), N > 0 -> true
+    ;   throw(usage(format("--max-table-entries needs a positive integer or inf, not '~w'", [V])))
     ).
 option_arg(Name, V, Gs, M, E, O, X, Gs, M, E, [Out | O], X) :-
     output_option(Name, Kind),

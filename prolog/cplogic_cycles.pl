@@ -1,5 +1,6 @@
 :- module(cplogic_cycles,
-          [ acyclic_rules/2             % +Rules, -AcyclicRules
+          [ acyclic_rules/2,            % +Rules, -AcyclicRules
+            cyclic_vertices/2           % +Edges, -Vertices
           ]).
 
 /** <module> Ground programs with positive cycles as acyclic theories
@@ -47,9 +48,16 @@ error naming the atoms of one such cycle.
 %   Acyclic is a list of rule(Heads, Lits, Where) without positive cycles
 %   and with the same least model on the atoms of Rules in every world.
 %   Raises cplogic_error(negation_in_cycle(Atoms), Where) for a cycle
-%   through a negated literal.
+%   through a negated literal, and cplogic_error(cycle_too_large(Atom),
+%   cycle) when eliminating a component would make too many rules.
 acyclic_rules(Rules, Acyclic) :-
-    number_atoms(Rules, Trie, N),
+    setup_call_cleanup(
+        trie_new(Trie),
+        acyclic_rules(Rules, Trie, Acyclic),
+        trie_destroy(Trie)).
+
+acyclic_rules(Rules, Trie, Acyclic) :-
+    foldl(number_heads(Trie), Rules, 0, N),
     dependency_graph(Rules, Trie, N, Succ),
     tarjan(N, Succ, Comp, Cyclic),
     (   Cyclic == []
@@ -59,18 +67,37 @@ acyclic_rules(Rules, Acyclic) :-
         list_to_assoc(CycPairs, CycSet),
         check_negation(Rules, Ctx, Succ),
         rewrite(Rules, Ctx, Acyclic)
-    ),
-    trie_destroy(Trie).
+    ).
+
+%!  cyclic_vertices(+Edges, -Vertices) is det.
+%
+%   Vertices are the vertices on a cycle of the graph with Edges, a list of
+%   From-To pairs of ground terms.
+cyclic_vertices(Edges, Vertices) :-
+    setup_call_cleanup(
+        trie_new(Trie),
+        cyclic_vertices(Edges, Trie, Vertices),
+        trie_destroy(Trie)).
+
+cyclic_vertices(Edges, Trie, Vertices) :-
+    foldl(number_edge(Trie), Edges, 0, N),
+    findall(I-(J-pos), ( member(V-W, Edges), node(Trie, V, I), node(Trie, W, J) ), Arcs),
+    successor_array(N, Arcs, Succ),
+    tarjan(N, Succ, Comp, Cyclic),
+    pairs_keys_values(CycPairs, Cyclic, Cyclic),
+    list_to_assoc(CycPairs, CycSet),
+    findall(V, ( trie_gen(Trie, V, I), arg(I, Comp, C), get_assoc(C, CycSet, _) ), Vertices0),
+    sort(Vertices0, Vertices).
+
+number_edge(Trie, V-W, N0, N) :-
+    number_atom(Trie, V-_, N0, N1),
+    number_atom(Trie, W-_, N1, N).
 
                  /*******************************
                  *      DEPENDENCY GRAPH        *
                  *******************************/
 
 % The head atoms are numbered 1..N; atoms without rules cannot be on a cycle.
-number_atoms(Rules, Trie, N) :-
-    trie_new(Trie),
-    foldl(number_heads(Trie), Rules, 0, N).
-
 number_heads(Trie, rule(Heads, _, _), N0, N) :-
     foldl(number_atom(Trie), Heads, N0, N).
 
@@ -86,94 +113,100 @@ node(Trie, A, I) :-
 
 % Succ: arg I is the list of J-Sign for the literals of I's rules on atoms J.
 dependency_graph(Rules, Trie, N, Succ) :-
+    findall(I-(J-Sign),
+            ( member(rule(Heads, Lits, _), Rules),
+              member(L, Lits),
+              arg(1, L, B),
+              node(Trie, B, J),
+              functor(L, Sign, _),
+              member(H-_, Heads),
+              node(Trie, H, I)
+            ),
+            Arcs),
+    successor_array(N, Arcs, Succ).
+
+% Each node's list is set once: setting an argument copies the value.
+successor_array(N, Arcs, Succ) :-
     functor(Succ, succ, N),
     forall(between(1, N, I), nb_setarg(I, Succ, [])),
-    forall(( member(rule(Heads, Lits, _), Rules),
-             member(L, Lits),
-             arg(1, L, B),
-             node(Trie, B, J),
-             functor(L, Sign, _),
-             member(H-_, Heads),
-             node(Trie, H, I)
-           ),
-           ( arg(I, Succ, Old), nb_setarg(I, Succ, [J-Sign | Old]) )).
+    keysort(Arcs, Sorted),
+    group_pairs_by_key(Sorted, ByNode),
+    forall(member(I-Out, ByNode), nb_setarg(I, Succ, Out)).
 
 % tarjan(+N, +Succ, -Comp, -Cyclic): Comp arg I is the component number of
 % node I; Cyclic lists the components with a cycle (two nodes or a loop).
-% Iterative, so that a long chain costs no Prolog recursion.
+% Iterative, so that a long chain costs no Prolog recursion; the arrays
+% hold integers only, the node stack is threaded through the calls.
+% st(NextIndex, NodeStack, Components, Cyclic).
 tarjan(N, Succ, Comp, Cyclic) :-
     functor(Index, index, N),
     functor(Low, low, N),
     functor(OnStack, on, N),
     functor(Comp, comp, N),
-    forall(between(1, N, I), ( nb_setarg(I, Index, 0), nb_setarg(I, OnStack, false) )),
-    State = state(1, [], 0, []),          % next index, node stack, components, cyclic
-    forall(( between(1, N, V), arg(V, Index, 0) ),
-           strongconnect(V, Succ, Index, Low, OnStack, Comp, State)),
-    arg(4, State, Cyclic).
+    forall(between(1, N, I), ( nb_setarg(I, Index, 0), nb_setarg(I, OnStack, 0) )),
+    A = arrays(Succ, Index, Low, OnStack, Comp),
+    findall(V, between(1, N, V), Vs),
+    foldl(strongconnect(A), Vs, st(1, [], 0, []), st(_, _, _, Cyclic)).
 
-strongconnect(V, Succ, Index, Low, OnStack, Comp, State) :-
-    visit(V, Succ, Index, Low, OnStack, State, Frame),
-    dfs([Frame], Succ, Index, Low, OnStack, Comp, State).
+strongconnect(A, V, St0, St) :-
+    A = arrays(_, Index, _, _, _),
+    (   arg(V, Index, 0)
+    ->  visit(V, A, St0, St1, Frame),
+        dfs([Frame], A, St1, St)
+    ;   St = St0
+    ).
 
-visit(V, Succ, Index, Low, OnStack, State, frame(V, Ws)) :-
-    arg(1, State, I),
+visit(V, arrays(Succ, Index, Low, OnStack, _), st(I, S, C, Cy), st(I1, [V | S], C, Cy),
+      frame(V, Ws)) :-
     I1 is I + 1,
-    nb_setarg(1, State, I1),
     nb_setarg(V, Index, I),
     nb_setarg(V, Low, I),
-    nb_setarg(V, OnStack, true),
-    arg(2, State, S),
-    nb_setarg(2, State, [V | S]),
+    nb_setarg(V, OnStack, 1),
     arg(V, Succ, Edges),
     pairs_keys(Edges, Ws).
 
-dfs([], _, _, _, _, _, _).
-dfs([frame(V, Ws) | Frames], Succ, Index, Low, OnStack, Comp, State) :-
+dfs([], _, St, St).
+dfs([frame(V, Ws) | Frames], A, St0, St) :-
+    A = arrays(_, Index, Low, OnStack, _),
     (   Ws = [W | Rest]
     ->  (   arg(W, Index, 0)
-        ->  visit(W, Succ, Index, Low, OnStack, State, Frame),
-            dfs([Frame, frame(V, Rest) | Frames], Succ, Index, Low, OnStack, Comp, State)
-        ;   (   arg(W, OnStack, true)
+        ->  visit(W, A, St0, St1, Frame),
+            dfs([Frame, frame(V, Rest) | Frames], A, St1, St)
+        ;   (   arg(W, OnStack, 1)
             ->  arg(W, Index, IW),
                 lower(V, IW, Low)
             ;   true
             ),
-            dfs([frame(V, Rest) | Frames], Succ, Index, Low, OnStack, Comp, State)
+            dfs([frame(V, Rest) | Frames], A, St0, St)
         )
     ;   arg(V, Low, LV),
         (   arg(V, Index, LV)
-        ->  pop_component(V, Succ, OnStack, Comp, State)
-        ;   true
+        ->  pop_component(V, A, St0, St1)
+        ;   St1 = St0
         ),
         (   Frames = [frame(U, _) | _]
         ->  lower(U, LV, Low)
         ;   true
         ),
-        dfs(Frames, Succ, Index, Low, OnStack, Comp, State)
+        dfs(Frames, A, St1, St)
     ).
 
 lower(V, X, Low) :-
     arg(V, Low, L),
     (   X < L -> nb_setarg(V, Low, X) ; true ).
 
-pop_component(V, Succ, OnStack, Comp, State) :-
-    arg(3, State, C0),
+pop_component(V, arrays(Succ, _, _, OnStack, Comp), st(I, S0, C0, Cy0), st(I, S, C, Cy)) :-
     C is C0 + 1,
-    nb_setarg(3, State, C),
-    arg(2, State, S0),
     pop_until(S0, V, OnStack, Comp, C, Members, S),
-    nb_setarg(2, State, S),
     (   (   Members = [_, _ | _]
         ;   arg(V, Succ, Edges), memberchk(V-_, Edges)
         )
-    ->  arg(4, State, Cyc),
-        nb_setarg(4, State, [C | Cyc])
-    ;   true
+    ->  Cy = [C | Cy0]
+    ;   Cy = Cy0
     ).
 
 pop_until([W | S0], V, OnStack, Comp, C, [W | Ms], S) :-
-    nb_setarg(W, OnStack, false),
+    nb_setarg(W, OnStack, 0),
     nb_setarg(W, Comp, C),
     (   W == V
     ->  Ms = [], S = S0

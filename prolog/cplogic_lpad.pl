@@ -655,30 +655,11 @@ recursive_predicates(M, Clauses) :-
                    member(L, Body), L \= call(_),
                    arg(1, L, B), pred_key(H, P), pred_key(B, Q) ), Edges0),
     sort(Edges0, Edges),
-    (   Edges == []
-    ->  true
-    ;   group_pairs_by_key(Edges, Succ0),
-        list_to_assoc(Succ0, Succ),
-        forall(( member(P-_, Succ0), reaches_itself(P, Succ) ),
-               ( P = N/A, assertz(lpad_recursive(M, N, A)) ))
-    ).
+    cyclic_vertices(Edges, Recursive),
+    forall(member(N/A, Recursive), assertz(lpad_recursive(M, N, A))).
 
 pred_key(G, N/A) :-
     functor(G, N, A).
-
-reaches_itself(P, Succ) :-
-    get_assoc(P, Succ, Next),
-    reach(Next, Succ, [], P).
-
-reach([Q | Qs], Succ, Seen, P) :-
-    (   Q == P
-    ->  true
-    ;   memberchk(Q, Seen)
-    ->  reach(Qs, Succ, Seen, P)
-    ;   (   get_assoc(Q, Succ, More) -> true ; More = [] ),
-        append(More, Qs, Queue),
-        reach(Queue, Succ, [Q | Seen], P)
-    ).
 
                  /*******************************
                  *           QUERIES            *
@@ -694,9 +675,9 @@ reach([Q | Qs], Succ, Seen, P) :-
 %   "for some value"). Evidence is a list of goals observed true and
 %   `\+ Goal` observed false, typically ground atoms. Options:
 %   method(cf|tables|cpts|cfme), elimination(cst|absorption),
-%   max_table_entries(N) (refuse a query whose largest table would have
-%   more entries) and progress(Bool) (report on standard error when
-%   grounding or the query takes long). Evidence of probability 0 raises
+%   max_table_entries(N) (the largest table a query may build, or inf;
+%   see cplogic_prob/5) and progress(Bool) (with true, grounding and the
+%   query report on standard error when they take more than a second). Evidence of probability 0 raises
 %   contradictory_evidence(Evidence).
 prob(Q, P) :-
     prob(Q, [], P, []).
@@ -779,7 +760,7 @@ query_options(Options, s(Method, Elim, CoreOptions, Progress)) :-
     must_be(oneof([cst, absorption]), Elim),
     must_be(boolean, Progress),
     (   option(max_table_entries(Max), Options)
-    ->  must_be(positive_integer, Max),
+    ->  (   Max == inf -> true ; must_be(positive_integer, Max) ),
         Limit = [max_table_entries(Max)]
     ;   Limit = []
     ),
@@ -801,14 +782,7 @@ query_program(M, Goal, Evidence, Settings, P) :-
 
 theory_prob(T, Q, EvTerms, s(Method, Elim, CoreOptions, _), P) :-
     cplogic:vorn_cp_theory_set_settings(T, 1, 0, Method, Elim, none),
-    (   CoreOptions == []
-    ->  cplogic:cplogic_prob(T, Q, EvTerms, P)
-    ;   current_predicate(cplogic:cplogic_prob/5)
-    ->  cplogic:cplogic_prob(T, Q, EvTerms, P, CoreOptions)
-    ;   memberchk(max_table_entries(_), CoreOptions)
-    ->  throw(error(cplogic_error(no_table_limit, query), _))
-    ;   cplogic:cplogic_prob(T, Q, EvTerms, P)
-    ).
+    cplogic:cplogic_prob(T, Q, EvTerms, P, CoreOptions).
 
 % goal_atom(+M, +Goal, +Culprit, -Atom): the atom whose probability is
 % that of Goal: Goal itself for a ground program atom, otherwise the head
@@ -1294,7 +1268,5 @@ culprit(negation_in_cycle([H])) -->
     [ 'negation through a cycle: a rule for ~q has \\+ ~q'-[H, H] ].
 culprit(cycle_too_large(A)) -->
     [ 'the cycle through ~q is too large to rewrite: its rules use several atoms of the cycle each (non-linear recursion), and replacing them multiplies the rules'-[A] ].
-culprit(no_table_limit) -->
-    [ 'max_table_entries/1 needs a host module with cplogic_prob/5' ].
 culprit(no_program(M)) -->
     [ 'module ~q has no LPAD program (use begin_lpad/end_lpad or lpad_load/1)'-[M] ].

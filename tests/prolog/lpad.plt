@@ -242,7 +242,9 @@ test(deep_chain_in_a_small_stack) :-
                  *    RANDOM PROGRAMS, ORACLE   *
                  *******************************/
 
-% Random programs over predicates p0..p3 of arity 0-2 and constants c1..c3.
+% Random programs over predicates p0..p3 of arity 0-2 and constants c1..c3,
+% queried for atoms and for goals (conjunction with a negation,
+% disjunction, a head with its variables open).
 % A predicate's clauses mention only lower predicates in their bodies, so
 % the ground programs are acyclic. Bodies start by binding every variable
 % with dom/1 and may filter with arithmetic through val/2.
@@ -365,7 +367,7 @@ by_level(O, rule(L1, H1, P1, N1), rule(L2, H2, P2, N2)) :-
 worlds([], True, Q, E, W, QE0-E0, QE-EV) :-
     (   holds_all(E, True)
     ->  EV is E0 + W,
-        (   memberchk(Q, True) -> QE is QE0 + W ; QE = QE0 )
+        (   goal_holds(Q, True) -> QE is QE0 + W ; QE = QE0 )
     ;   EV = E0, QE = QE0
     ).
 worlds([rule(_, Heads, Pos, Neg) | Rules], True, Q, E, W, Acc0, Acc) :-
@@ -385,6 +387,12 @@ choose(Rules, True, Q, E, W, A:PA, Acc0, Acc) :-
     ;   worlds(Rules, [A | True], Q, E, W1, Acc0, Acc)
     ).
 
+% A goal with variables holds when some instance does.
+goal_holds((A, B), True) :- !, goal_holds(A, True), goal_holds(B, True).
+goal_holds((A ; B), True) :- !, ( goal_holds(A, True) -> true ; goal_holds(B, True) ).
+goal_holds(\+ A, True) :- !, \+ goal_holds(A, True).
+goal_holds(A, True) :- \+ \+ member(A, True).
+
 holds_all(E, True) :-
     forall(member(L, E),
            (   L = (\+ A) -> \+ memberchk(A, True) ; memberchk(L, True) )).
@@ -395,6 +403,12 @@ random_ground_atom(Clauses, A) :-
     copy_term(H0, A),
     term_variables(A, Vs),
     maplist(dom, Vs).
+
+% A head of the program as written, variables open: a goal "some instance".
+random_head(Clauses, A) :-
+    findall(H, ( member((Head :- _), Clauses), head_list(Head, Hs), member(H:_, Hs) ), Hs0),
+    random_member(A0, Hs0),
+    copy_term(A0, A).
 
 write_program(File, Clauses) :-
     setup_call_cleanup(open(File, write, S),
@@ -414,7 +428,10 @@ check_random_program(Seed, Compared) :-
     ;   tmp_file(rprog, File),
         write_program(File, Clauses),
         rand_m:lpad_load(File),
-        random_ground_atom(Clauses, Q),
+        random_ground_atom(Clauses, Q1),
+        random_ground_atom(Clauses, Q2),
+        random_head(Clauses, Pattern),
+        random_member(Q, [Q1, Q1, (Q1, \+ Q2), (Q1 ; Q2), Pattern]),
         random_between(0, 2, NE),
         length(EAtoms, NE),
         maplist(random_ground_atom(Clauses), EAtoms),
