@@ -5,7 +5,8 @@ references computed here.
     python3 bench/graphs.py [ladder:N | random:N:SEED ...]   (after the README's build)
 
 ladder:N   a 2 x N ladder of undirected probabilistic edges (rungs and rails
-           0.5, 0.6, ..., 0.9 in turn); query path(t1, bN). Reference: a
+           0.5, 0.6, ..., 0.9 in turn); query path(t1, bN); ladder:N:left
+           writes path/2 left-recursive. Reference: a
            frontier dynamic program over the columns (connectivity of the
            last column's two nodes and the start), exact in fractions.
 random:N:SEED  N nodes n1..nN and 2N distinct directed edges drawn with
@@ -30,6 +31,7 @@ from functools import lru_cache
 HERE = os.path.dirname(os.path.abspath(__file__))
 CPLOGIC = os.path.join(HERE, "..", "bin", "cplogic")
 RULES = "path(X,Y) :- edge(X,Y).\npath(X,Y) :- edge(X,Z), path(Z,Y).\n"
+LEFT = "path(X,Y) :- edge(X,Y).\npath(X,Y) :- path(X,Z), edge(Z,Y).\n"
 
 
 def ladder(n):
@@ -42,9 +44,9 @@ def ladder(n):
     return [(a, b, Fraction(5 + k % 5, 10)) for k, (a, b) in enumerate(edges)]
 
 
-def ladder_program(n):
+def ladder_program(n, rules):
     facts = "".join(f"{float(p)}::link({a},{b}).\n" for a, b, p in ladder(n))
-    return (facts + "edge(X,Y) :- link(X,Y).\nedge(X,Y) :- link(Y,X).\n" + RULES
+    return (facts + "edge(X,Y) :- link(X,Y).\nedge(X,Y) :- link(Y,X).\n" + rules
             + f"query(path(t1,b{n})).\n")
 
 
@@ -129,7 +131,8 @@ def run(spec, scratch):
     kind, *args = spec.split(":")
     if kind == "ladder":
         n = int(args[0])
-        text, reference = ladder_program(n), ladder_reference
+        rules = LEFT if args[1:] == ["left"] else RULES
+        text, reference = ladder_program(n, rules), ladder_reference
         ref_args = (n,)
     else:
         n, seed = int(args[0]), int(args[1])
@@ -152,7 +155,8 @@ def run(spec, scratch):
 
 
 def main():
-    specs = sys.argv[1:] or ["ladder:10", "ladder:100", "ladder:400", "ladder:1000"] + \
+    specs = sys.argv[1:] or ["ladder:10", "ladder:100", "ladder:400", "ladder:1000",
+                             "ladder:100:left"] + \
         [f"random:20:{s}" for s in (2, 3, 4, 5, 6, 9)] + \
         ["random:30:3", "random:30:4", "random:40:3", "random:40:4", "random:40:5"]
     print("| program | cplogic (s) | cplogic answer | reference |\n|---|---:|---:|---:|")

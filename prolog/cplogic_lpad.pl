@@ -1081,16 +1081,41 @@ head_probabilities(Heads0, Where, Heads) :-
 head_probability(Where, A-E, A-P) :-
     (   number(E) -> P = E ; probability_value(E, Where, P) ).
 
-solve_body([], _, _, []).
-solve_body([L | Ls], M, Where, Lits) :-
-    solve_literal(L, M, Where, Lits, Tail),
-    solve_body(Ls, M, Where, Tail).
+% The positive literals that are ground before the body runs are marked, so
+% that the others can be told from them once the body has bound them.
+solve_body(Body, M, Where, Lits) :-
+    maplist(mark_given, Body, Marked),
+    solve_marked(Marked, M, Where, Lits).
 
-% A ground positive literal needs no proof: an atom that nothing causes is
-% false in the theory. One with variables is enumerated over the atoms that
-% can hold.
-solve_literal(pos(A), M, _, [pos(A) | T], T) :-
-    (   ground(A) -> true ; possible(M, A) ).
+mark_given(L, L-Given) :-
+    (   L = pos(A), ground(A) -> Given = true ; Given = false ).
+
+solve_marked([], _, _, []).
+solve_marked([L-Given | Ls], M, Where, Lits) :-
+    solve_literal(L, Given, M, Where, Lits, Tail),
+    solve_marked(Ls, M, Where, Tail).
+
+% A positive literal that was ground from the start needs no proof: an atom
+% that nothing causes is false in the theory. One with variables is
+% enumerated over the atoms that can hold. One that the body made ground is
+% checked the same way unless its predicate is recursive (a deep chain of
+% tabled calls): otherwise a body that enumerates X then asks edge(X, y)
+% would ground an atom for every X, however few edges there are.
+solve_literal(pos(A), Given, M, _, [pos(A) | T], T) :-
+    !,
+    (   ground(A)
+    ->  (   Given == true
+        ->  true
+        ;   functor(A, N, Ar), lpad_recursive(M, N, Ar)
+        ->  true
+        ;   possible(M, A)
+        ->  true
+        )
+    ;   possible(M, A)
+    ).
+solve_literal(L, _, M, Where, Lits, T) :-
+    solve_literal(L, M, Where, Lits, T).
+
 solve_literal(neg(A), _, Where, [neg(A) | T], T) :-
     (   ground(A)
     ->  true
