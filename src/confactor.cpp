@@ -222,6 +222,21 @@ ConfactorScope::~ConfactorScope() {
   }
 }
 
+std::size_t tableEntriesOver(const std::vector<Confactor*>& confactors) {
+  std::vector<Atom*> atoms;
+  for (const Confactor* c : confactors)
+    for (const AtomDomStruct* entry : c->atoms_)
+      atoms.push_back(entry->atom_);
+  std::sort(atoms.begin(), atoms.end());
+  atoms.erase(std::unique(atoms.begin(), atoms.end()), atoms.end());
+  std::size_t size = 1;
+  for (const Atom* atom : atoms) {
+    const std::size_t count = atom->domainsize_;
+    size = count != 0 && size > SIZE_MAX / count ? SIZE_MAX : size * count;
+  }
+  return size;
+}
+
 // ---------------------------------------------------------------------------
 // Confactor: construction, lookups and updates
 

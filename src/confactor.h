@@ -138,6 +138,10 @@ class ConfactorScope {
   int uncaught_;
 };
 
+// Entries of one complete table over all the atoms of the confactors
+// (saturated at SIZE_MAX).
+std::size_t tableEntriesOver(const std::vector<Confactor*>& confactors);
+
 // A contextual factor: a table of doubles over its table atoms (layout at the
 // top of this file) that holds only where every context atom takes a value of
 // its domain. Constructors and operations that return a new Confactor* hand

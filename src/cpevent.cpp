@@ -85,6 +85,9 @@ Confactor* mergeIntoTable(Confactors& list) {
     list.clear();
     return only;
   }
+  // The result is a complete table over every atom of the pieces: a result
+  // over the bound fails before the growing products are built.
+  checkTableSize(tableEntriesOver(list));
   Confactor* acc = nullptr;
   for (Confactor* piece : list) {
     Confactor* complete = piece->convertToCPT(1);

@@ -258,6 +258,14 @@ void CVE::eliminate(Atom* a) {
   }
   if (found.empty())
     return;
+  // Without contexts the product is one table over every atom involved: one
+  // that exceeds the bound fails before anything is multiplied.
+  const bool contextFree = std::none_of(found.begin(), found.end(), [](const Confactor* c) {
+    return std::any_of(c->atoms_.begin(), c->atoms_.end(),
+                       [](const AtomDomStruct* e) { return (e->flags_ & ADS_CONTEXT) != 0; });
+  });
+  if (contextFree)
+    checkTableSize(tableEntriesOver(found));
 
   std::sort(found.begin(), found.end(), ConfactorCmpLength());
   CompleteConfactorSet set;
