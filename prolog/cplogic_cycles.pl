@@ -51,12 +51,13 @@ error naming the atoms of one such cycle.
 %   through a negated literal, and cplogic_error(cycle_too_large(Atom),
 %   cycle) when eliminating a component would make too many rules.
 acyclic_rules(Rules, Acyclic) :-
-    setup_call_cleanup(
-        trie_new(Trie),
-        acyclic_rules(Rules, Trie, Acyclic),
-        trie_destroy(Trie)).
+    with_trie(acyclic_rules(Rules, Acyclic)).
 
-acyclic_rules(Rules, Trie, Acyclic) :-
+% The atoms are numbered in a trie that lives as long as the call.
+with_trie(Goal) :-
+    setup_call_cleanup(trie_new(Trie), call(Goal, Trie), trie_destroy(Trie)).
+
+acyclic_rules(Rules, Acyclic, Trie) :-
     foldl(number_heads(Trie), Rules, 0, N),
     dependency_graph(Rules, Trie, N, Succ),
     tarjan(N, Succ, Comp, Cyclic),
@@ -74,12 +75,9 @@ acyclic_rules(Rules, Trie, Acyclic) :-
 %   Vertices are the vertices on a cycle of the graph with Edges, a list of
 %   From-To pairs of ground terms.
 cyclic_vertices(Edges, Vertices) :-
-    setup_call_cleanup(
-        trie_new(Trie),
-        cyclic_vertices(Edges, Trie, Vertices),
-        trie_destroy(Trie)).
+    with_trie(cyclic_vertices(Edges, Vertices)).
 
-cyclic_vertices(Edges, Trie, Vertices) :-
+cyclic_vertices(Edges, Vertices, Trie) :-
     foldl(number_edge(Trie), Edges, 0, N),
     findall(I-(J-pos), ( member(V-W, Edges), node(Trie, V, I), node(Trie, W, J) ), Arcs),
     successor_array(N, Arcs, Succ),

@@ -677,8 +677,8 @@ pred_key(G, N/A) :-
 %   method(cf|tables|cpts|cfme), elimination(cst|absorption),
 %   max_table_entries(N) (the largest table a query may build, or inf;
 %   see cplogic_prob/5) and progress(Bool) (with true, grounding and the
-%   query report on standard error when they take more than a second). Evidence of probability 0 raises
-%   contradictory_evidence(Evidence).
+%   query report on standard error when they take more than a second).
+%   Evidence of probability 0 raises contradictory_evidence(Evidence).
 prob(Q, P) :-
     prob(Q, [], P, []).
 
@@ -686,16 +686,20 @@ prob(Q, E, P) :-
     prob(Q, E, P, []).
 
 prob(M:Q, Evidence, P, Options) :-
+    in_program(M, Evidence, Options, query_program(Q, Evidence), P).
+
+% in_program(+M, +Evidence, +Options, :Goal, -Result): call(Goal, Module,
+% Settings, Result) on M's program, under the library's mutex.
+in_program(M, Evidence, Options, Goal, Result) :-
     program_module(M, PM),
     must_be(list, Evidence),
     query_options(Options, Settings),
     % the core names the evidence in its own terms; the error names it as
     % the caller wrote it
-    catch(with_mutex(cplogic_lpad,
-                     query_program(PM, Q, Evidence, Settings, P0)),
+    catch(with_mutex(cplogic_lpad, call(Goal, PM, Settings, Result0)),
           error(cplogic_error(contradictory_evidence(_), evidence), _),
           throw(error(cplogic_error(contradictory_evidence(Evidence), evidence), _))),
-    P = P0.
+    Result = Result0.
 
 %!  prob_all(:Goal, -Answers) is det.
 %!  prob_all(:Goal, +Evidence, -Answers) is det.
@@ -714,14 +718,7 @@ prob_all(G, E, Answers) :-
     prob_all(G, E, Answers, []).
 
 prob_all(M:G, Evidence, Answers, Options) :-
-    program_module(M, PM),
-    must_be(list, Evidence),
-    query_options(Options, Settings),
-    catch(with_mutex(cplogic_lpad,
-                     all_answers(PM, G, Evidence, Settings, Answers0)),
-          error(cplogic_error(contradictory_evidence(_), evidence), _),
-          throw(error(cplogic_error(contradictory_evidence(Evidence), evidence), _))),
-    Answers = Answers0.
+    in_program(M, Evidence, Options, all_answers(G, Evidence), Answers).
 
 %!  lpad_queries(:Queries, -Evidence) is det.
 %
@@ -772,7 +769,7 @@ program_module(M, M) :-
 program_module(M, _) :-
     throw(error(cplogic_error(no_program(M), M), _)).
 
-query_program(M, Goal, Evidence, Settings, P) :-
+query_program(Goal, Evidence, M, Settings, P) :-
     goal_atom(M, Goal, bad_query(Goal), Q),
     maplist(evidence_term(M), Evidence, EvTerms),
     findall(A, member(e(A, _), EvTerms), EvAtoms),
@@ -841,7 +838,7 @@ positive_part(G, P) :-
     ;   P = G
     ).
 
-all_answers(M, Goal, Evidence, Settings, Answers) :-
+all_answers(Goal, Evidence, M, Settings, Answers) :-
     (   callable(Goal) -> true ; throw(error(cplogic_error(bad_query(Goal), query), _)) ),
     answer_variables(Goal, Vars),
     maplist(evidence_term(M), Evidence, EvTerms),

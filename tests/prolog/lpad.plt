@@ -81,6 +81,17 @@ test(smokers) :-
     Pd is 0.12 * PdGivenAnn + 0.88 * PdGivenNot,
     all_settings_give(M, smokes(dana), [], Pd).
 
+% Reachability with cycles, and goals: the values worked out in the file.
+test(graph) :-
+    example(graph, M),
+    forall(member(G-E-Expected, [ path(a, d)-[]-0.3,
+                                  path(a, a)-[]-0.336,
+                                  path(a, e)-[]-0.3393,
+                                  (path(a, e), \+ path(a, d))-[]-0.063,
+                                  path(a, _)-[]-0.6,
+                                  path(a, e)-[\+ edge(c, e)]-0.27 ]),
+           all_settings_give(M, G, E, Expected)).
+
 :- end_tests(lpad_examples).
 
                  /*******************************
@@ -276,7 +287,7 @@ random_clause(Preds, I, Ar, (Head :- Body)) :-
     maplist(head_for(I, HVars), Heads0, Heads1),
     random_probs(Heads1, Heads),
     head_disj(Heads, Head),
-    include([p(J, _)]>>(J < I), Preds, Lower),
+    include({I}/[p(J, _)]>>(J < I), Preds, Lower),
     random_between(0, 3, NB),
     (   Lower == [] -> Lits = [] ; length(Lits, NB), maplist(random_literal(Lower, HVars), Lits) ),
     term_variables(HVars-Lits, Vars),
@@ -299,7 +310,7 @@ random_probs(Heads0, Heads) :-
     length(Heads0, N),
     random(R),
     Total is 0.5 + 0.5 * R,
-    maplist([A:_, A:P]>>(random(X), P is Total * (0.2 + 0.8 * X) / N), Heads0, Heads).
+    maplist({Total, N}/[A:_, A:P]>>(random(X), P is Total * (0.2 + 0.8 * X) / N), Heads0, Heads).
 
 head_disj([H], H) :- !.
 head_disj([H | T], (H ; R)) :- head_disj(T, R).
@@ -308,7 +319,7 @@ random_literal(Lower, HVars, Lit) :-
     random_member(p(J, Ar), Lower),
     atom_concat(p, J, Name),
     length(Args, Ar),
-    maplist([A]>>( HVars \== [], maybe(0.6) -> random_member(A, HVars) ; dom_const_or_var(A) ), Args),
+    maplist({HVars}/[A]>>( HVars \== [], maybe(0.6) -> random_member(A, HVars) ; dom_const_or_var(A) ), Args),
     Atom =.. [Name | Args],
     (   maybe(0.35) -> Lit = (\+ Atom) ; Lit = Atom ).
 
