@@ -371,6 +371,7 @@ install_program(M, Items) :-
     list_to_assoc_set(Preds, PredSet),
     foldl(body_clauses(M, PredSet), Clauses0, Clauses, []),
     forget_program(M),
+    reserve_auxiliary_names(Clauses),
     assertz(lpad_program(M)),
     findall(N/A, ( member(Hs-_-_, Clauses), member(H-_, Hs), functor(H, N, A) ), All0),
     sort(All0, All),
@@ -379,6 +380,20 @@ install_program(M, Items) :-
     recursive_predicates(M, Clauses),
     forall(member(query(Q)-W, Items), assertz(lpad_query(M, Q, W))),
     forall(member(evidence(E)-W, Items), assertz(lpad_evidence(M, E, W))).
+
+% A saved theory holds the auxiliary atoms of another session: the names
+% made from now on are above theirs, so that none is made twice.
+reserve_auxiliary_names(Clauses) :-
+    forall(( member(Hs-_-_, Clauses), member(H-_, Hs) ),
+           (   H = '$cplogic_aux'(N), integer(N)
+           ->  flag(cplogic_aux_atom, N0, max(N0, N + 1))
+           ;   functor(H, Name, _),
+               atom_concat('$cplogic_', Rest, Name),
+               ( atom_concat(body_, Num, Rest) ; atom_concat(goal_, Num, Rest) ),
+               atom_number(Num, N), integer(N)
+           ->  flag(cplogic_aux_pred, N0, max(N0, N + 1))
+           ;   true
+           )).
 
 list_to_assoc_set(Keys, Set) :-
     pairs_keys_values(Pairs, Keys, Keys),

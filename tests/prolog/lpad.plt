@@ -203,6 +203,17 @@ test(saved_theory_loads_back) :-
                       R:prob(Q, E, P2),
                       abs(P1 - P2) =< 1.0e-9 )) )).
 
+% A saved theory from another session holds auxiliary atoms with any
+% number: goals asked later get other names (not the clause of
+% '$cplogic_goal_N', which would make P(b, \+ a) = P(a) here).
+test(saved_auxiliary_names_stay_apart) :-
+    flag(cplogic_aux_pred, N, N),
+    flag(cplogic_aux_atom, K, K),
+    format(string(Text), "'$cplogic_goal_~w' :- a.\n'$cplogic_aux'(~w):0.5.\na:0.3.\nb:0.6.\n", [N, K]),
+    load_text(aux_m, Text),
+    aux_m:prob((b, \+ a), P),
+    abs(P - 0.42) < 1.0e-12.
+
 :- end_tests(lpad_save).
 
                  /*******************************
