@@ -1265,7 +1265,7 @@ where(File:Line) --> { atom(File), integer(Line) }, !, [ '~w:~w: '-[File, Line] 
 where(query) --> !.
 where(evidence) --> !.
 where(cycle) --> !.
-where(goal(G)) --> !, [ 'goal ~q: '-[G] ].
+where(goal(G)) --> !, [ 'query ~q: '-[G] ].
 where(M) --> { atom(M) }, !.
 where(Clause) --> [ 'in clause ~q: '-[Clause] ].
 
@@ -1279,9 +1279,9 @@ culprit(probabilities_above_one(S)) -->
     [ 'the probabilities of the head sum to ~w, above 1'-[S] ].
 culprit(variable_goal) --> [ 'a body goal is a variable' ].
 culprit(unsupported_body(G)) -->
-    [ 'body goal ~q: an if-then-else over program atoms is not supported'-[G] ].
+    [ '~q: an if-then-else over program atoms is not supported'-[G] ].
 culprit(meta_call(G)) -->
-    [ 'goal ~q calls program atoms through a meta-call (findall/3, aggregate_all/3, call/N, ...): not supported; write them as body literals'-[G] ].
+    [ '~q calls program atoms through a meta-call (findall/3, aggregate_all/3, call/N, ...): not supported; write them as body literals'-[G] ].
 culprit(nonground_negation(L)) -->
     [ 'negated literal ~q is not ground when it is reached'-[L] ].
 culprit(nonground_head(As)) -->
