@@ -2,7 +2,7 @@
 """Reachability over graphs with cycles through bin/cplogic, against exact
 references computed here.
 
-    python3 bench/graphs.py [ladder:N | random:N:SEED ...]   (after the README's build)
+    python3 bench/graphs.py [ladder:N[:left] | random:N:SEED ...]   (after the README's build)
 
 ladder:N   a 2 x N ladder of undirected probabilistic edges (rungs and rails
            0.5, 0.6, ..., 0.9 in turn); query path(t1, bN); ladder:N:left
@@ -127,8 +127,8 @@ def random_reference(n, seed):
     return prob(frozenset(["n1"]), frozenset())
 
 
-def run(spec, scratch):
-    kind, *args = spec.split(":")
+def run(run_name, scratch):
+    kind, *args = run_name.split(":")
     if kind == "ladder":
         n = int(args[0])
         rules = LEFT if args[1:] == ["left"] else RULES
@@ -138,7 +138,7 @@ def run(spec, scratch):
         n, seed = int(args[0]), int(args[1])
         text, reference = random_program(n, seed), random_reference
         ref_args = (n, seed)
-    path = os.path.join(scratch, spec.replace(":", "_") + ".pl")
+    path = os.path.join(scratch, run_name.replace(":", "_") + ".pl")
     with open(path, "w") as f:
         f.write(text)
     start = time.perf_counter()
@@ -151,18 +151,18 @@ def run(spec, scratch):
         expected = "-"
     else:
         expected = f"{float(reference(*ref_args)):.6g}"
-    return f"| {spec} | {seconds:.2f} | {answer} | {expected} |"
+    return f"| {run_name} | {seconds:.2f} | {answer} | {expected} |"
 
 
 def main():
-    specs = sys.argv[1:] or ["ladder:10", "ladder:100", "ladder:400", "ladder:1000",
+    runs = sys.argv[1:] or ["ladder:10", "ladder:100", "ladder:400", "ladder:1000",
                              "ladder:100:left"] + \
         [f"random:20:{s}" for s in (2, 3, 4, 5, 6, 9)] + \
         ["random:30:3", "random:30:4", "random:40:3", "random:40:4", "random:40:5"]
     print("| program | cplogic (s) | cplogic answer | reference |\n|---|---:|---:|---:|")
     with tempfile.TemporaryDirectory() as scratch:
-        for spec in specs:
-            print(run(spec, scratch), flush=True)
+        for run_name in runs:
+            print(run(run_name, scratch), flush=True)
 
 
 if __name__ == "__main__":

@@ -1,5 +1,5 @@
 % The graph of graph.pl in the P::Head notation, with the questions in the
-% program: run it with  bin/cplogic examples/lpad/graph_problog.pl
+% program: run it with  bin/cplogic examples/lpad/graph_queries.pl
 % Given that the edge c -> e is absent:
 %   path(a,a): 0.336   path(a,b): 0.6   path(a,c): 0.42   path(a,d): 0.3
 %   path(a,e): 0.6 * 0.5 * 0.9 = 0.27

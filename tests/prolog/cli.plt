@@ -63,7 +63,7 @@ test(negative_evidence_and_plain_programs) :-
 % graph in the H:P notation gives (examples/lpad/graph*.pl); goals with
 % variables as arguments give their instances.
 test(program_queries_in_either_notation) :-
-    example(graph_problog, F),
+    example(graph_queries, F),
     cplogic([F], 0, Out, ""),
     split_string(Out, "\n", "", Lines),
     example(graph, G),
