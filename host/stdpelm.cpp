@@ -763,6 +763,21 @@ void pelm_cplogic_error(const char* name, long culprit, const char* where) {
   throw_error(formal, "");
 }
 
+void pelm_cplogic_error_names(const char* name, const std::vector<std::string>& names,
+                              const char* where) {
+  term_t list = PL_new_term_ref();
+  term_t head = PL_new_term_ref();
+  PL_put_nil(list);
+  for (auto it = names.rbegin(); it != names.rend(); ++it) {
+    check(PL_put_atom_chars(head, it->c_str()));
+    check(PL_cons_list(list, head, list));
+  }
+  term_t formal = PL_new_term_ref();
+  check(PL_unify_term(formal, PL_FUNCTOR_CHARS, "cplogic_error", 2, PL_FUNCTOR_CHARS, name, 1,
+                      PL_TERM, list, PL_CHARS, where));
+  throw_error(formal, "");
+}
+
 void pelm_resource_error(const char* resource, const std::string& message) {
   term_t formal = PL_new_term_ref();
   check(PL_unify_term(formal, PL_FUNCTOR_CHARS, "resource_error", 1, PL_CHARS, resource));

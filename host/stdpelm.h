@@ -244,6 +244,9 @@ class PelmError : public std::exception {
 [[noreturn]] void pelm_representation_error(const char* what, const std::string& message = "");
 // error(cplogic_error(Name(Culprit), Where), Context): the module's own errors.
 [[noreturn]] void pelm_cplogic_error(const char* name, long culprit, const char* where);
+// The same with a list of the atoms named (their display texts) as culprit.
+[[noreturn]] void pelm_cplogic_error_names(const char* name, const std::vector<std::string>& names,
+                                           const char* where);
 
 // error(resource_error(Resource), Context).
 [[noreturn]] void pelm_resource_error(const char* resource, const std::string& message);

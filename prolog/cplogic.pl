@@ -74,6 +74,11 @@ permission_error(open, source_sink, File) (no permission, a directory, a
 read-only file system) or io_error(write, File) (a full disk), the message
 being the system's reason.
 
+A theory whose rules depend on themselves (a cycle through positive body
+atoms) has no answer here: a query raises
+error(cplogic_error(cycle(Atoms), theory), _), Atoms naming atoms of the
+cycle.  The LPAD library rewrites cyclic programs before they get here.
+
 Every predicate raises an ISO error term naming the argument at fault;
 an object that was freed raises existence_error(vorn_cp_theory, Object).
 The object is freed by pelm_free/1 or when Prolog no longer refers to it.
@@ -116,3 +121,8 @@ prolog:error_message(pelm_error(Text)) -->
 % LPAD programs on top of the predicates: begin_lpad/end_lpad, lpad_load/1,
 % prob/2,3,4.
 :- reexport(cplogic_lpad).
+
+:- multifile prolog:message//1.
+
+prolog:message(error(cplogic_error(cycle(Atoms), theory), _)) -->
+    [ 'the theory\'s rules form a cycle through ~w; a cyclic program is answered through the LPAD library (lpad_load/1, prob/2), which rewrites its cycles'-[Atoms] ].

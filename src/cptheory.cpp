@@ -8,6 +8,7 @@
 #include <iostream>
 #include <memory>
 #include <sstream>
+#include <unordered_map>
 #include <unordered_set>
 
 #include "confactor.h"
@@ -197,6 +198,7 @@ void CPTheory::compile() {
       initAtom(atom);
   }
   delete uncaused;
+  checkAcyclic();
   if (weight_heuristic_ >= 1 && weight_heuristic_ <= 5)
     linkSiblings();
   updateRanking();
@@ -208,6 +210,48 @@ void CPTheory::compile() {
     max_rank_ = std::max(max_rank_, entry.second->rank_);
   srand(static_cast<unsigned>(time(0)));
   needs_update_ = false;
+}
+
+CyclicTheory::CyclicTheory(std::vector<std::string> atoms)
+    : std::runtime_error("the rules form a cycle"), atoms_(std::move(atoms)) {}
+
+void CPTheory::checkAcyclic() const {
+  // Depth first along the causes (in_, which every kind of atom keeps),
+  // with an explicit stack: a cause met again while it is still open closes
+  // a cycle, and the open path from it back to here is that cycle.
+  enum Mark { kOpen = 1, kDone = 2 };
+  std::unordered_map<const Atom*, int> mark;
+  std::vector<std::pair<const Atom*, size_t>> path;  // atom, next cause to visit
+  for (const auto& entry : atoms_) {
+    if (mark.count(entry.second))
+      continue;
+    path.emplace_back(entry.second, 0);
+    mark[entry.second] = kOpen;
+    while (!path.empty()) {
+      const Atom* a = path.back().first;
+      size_t& next = path.back().second;
+      if (next == a->in_.size()) {
+        mark[a] = kDone;
+        path.pop_back();
+        continue;
+      }
+      const Atom* cause = a->in_[next++];
+      auto found = mark.find(cause);
+      if (found == mark.end()) {
+        mark[cause] = kOpen;
+        path.emplace_back(cause, 0);
+      } else if (found->second == kOpen) {
+        std::vector<std::string> names;
+        for (auto it = path.rbegin(); it != path.rend(); ++it) {
+          if (it->first->event_ == nullptr && !it->first->prime_ && names.size() < 8)
+            names.push_back(it->first->name_);
+          if (it->first == cause)
+            break;
+        }
+        throw CyclicTheory(names);
+      }
+    }
+  }
 }
 
 void CPTheory::deferSiblings(std::vector<Atom*> body) {

@@ -5,6 +5,7 @@
 
 #include <map>
 #include <ostream>
+#include <stdexcept>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -19,6 +20,15 @@ class CVE;
 // A theory: the atom registry (owning the atoms, choice variables and prime
 // atoms) and the events (owned). Every query builds its own engine from the
 // atoms and events that bear on the query and the observations.
+// The ground rules depend on themselves through the atoms named (at most a
+// few of them): such a theory has no rank order, and answering it as if it
+// had one would give wrong numbers.
+class CyclicTheory : public std::runtime_error {
+ public:
+  explicit CyclicTheory(std::vector<std::string> atoms);
+  std::vector<std::string> atoms_;
+};
+
 class CPTheory : public ConfactorNetworkBase {
  public:
   // Atoms with several causes go through a prime atom and single-rule events
@@ -100,6 +110,8 @@ class CPTheory : public ConfactorNetworkBase {
   // Atoms of one rule body, to be made siblings of each other before a
   // ranking that counts siblings runs (linkSiblings).
   void deferSiblings(std::vector<Atom*> body);
+  // Throws CyclicTheory when the atoms and choices depend on themselves.
+  void checkAcyclic() const;
   void linkSiblings();
 
   // A new engine (owned by the caller) for q given the observations set: the

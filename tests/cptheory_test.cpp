@@ -579,6 +579,24 @@ TEST(CPTheoryQueries, UncausedAtomsObservationsAndRelevance) {
             "Query atom nope does not exist\n");
 }
 
+// b:0.3. a:0.5 :- b. b:0.4 :- a. has no rank order; ranking it anyway
+// answered P(b) = 0.386 (the least-model answer is 0.3).
+TEST(CPTheoryQueries, CyclicRulesAreRefusedNamingTheirAtoms) {
+  Fixture f;
+  addRule(f.theory, {{f.b, 0.3}}, {});
+  addRule(f.theory, {{f.a, 0.5}}, {{f.b, 1}});
+  EXPECT_NEAR(probTrue(f.theory, "a"), 0.15, 1e-12);
+  addRule(f.theory, {{f.b, 0.4}}, {{f.a, 1}});
+  try {
+    f.theory.jointProbabilities(f.b, {});
+    FAIL() << "a cyclic theory was answered";
+  } catch (const CyclicTheory& e) {
+    std::vector<std::string> names = e.atoms_;
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"a", "b"}));
+  }
+}
+
 TEST(CPTheoryQueries, LateRuleIsCompiledBeforeTheNextQuery) {
   Fixture f;
   CPEvent* e = addRule(f.theory, {{f.h, 0.5}}, {{f.a, 1}});
