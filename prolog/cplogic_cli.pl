@@ -11,12 +11,13 @@
 :- use_module(library(readutil)).
 :- use_module(library(process)).
 :- use_module(cplogic).
+:- use_module(cplogic_read).
 
 :- initialization(cli_main, main).
 
 usage("Usage: cplogic PROGRAM [QUERY...] [--given GOAL]... [--given '\\+GOAL']...
                [--method cf|tables|cpts|cfme] [--elimination cst|absorption]
-               [--max-table-entries N] [--progress]
+               [--max-table-entries N] [--progress] [--safe]
                [--dot FILE] [--png FILE] [--save FILE] [--hugin FILE]
 
 Loads the LPAD program in the file PROGRAM and prints, for every QUERY, one
@@ -35,6 +36,9 @@ options.
                       16777216; inf for no bound)
   --progress          report on standard error when grounding or a query
                       takes long
+  --safe              for a program from elsewhere: refuse body goals (and
+                      directives) that could do harm, such as shell/1 or
+                      writing files; only goals library(sandbox) accepts run
   --dot FILE          write the ground theory the queries needed as Graphviz text
   --png FILE          render that graph as a PNG picture (needs Graphviz's dot)
   --save FILE         save the ground theory as CP-logic rules (lpad_load/1 reads it)
@@ -117,10 +121,12 @@ run(Argv) :-
     ),
     maplist(parse_goal_arg, Queries, QTerms),
     maplist(parse_evidence_arg, Given, GivenEvidence),
-    load_program(Program),
+    (   memberchk(safe(true), Extra) -> Safe = true ; Safe = false ),
+    load_program(Program, Safe),
     lpad_queries(cli_program:FileQueries, FileEvidence),
     append(FileEvidence, GivenEvidence, Evidence),
-    Options = [method(Method), elimination(Elim) | Extra],
+    exclude(==(safe(true)), Extra, QueryExtra),
+    Options = [method(Method), elimination(Elim) | QueryExtra],
     (   QTerms \== []
     ->  forall(member(Q, QTerms), answer(Q, Evidence, Options)),
         QTerms = [First | _]
@@ -144,6 +150,9 @@ parse_args([], Pos, Gs, M, E, Outs, Extra,
 parse_args(['--progress' | Rest], Pos, Gs, M, E, Outs, Extra, Opts) :-
     !,
     parse_args(Rest, Pos, Gs, M, E, Outs, [progress(true) | Extra], Opts).
+parse_args(['--safe' | Rest], Pos, Gs, M, E, Outs, Extra, Opts) :-
+    !,
+    parse_args(Rest, Pos, Gs, M, E, Outs, [safe(true) | Extra], Opts).
 parse_args([Opt | Rest], Pos, Gs, M, E, Outs, Extra, Opts) :-
     atom(Opt),
     sub_atom(Opt, 0, 2, _, '--'),
@@ -217,25 +226,32 @@ parse_evidence_arg(Text, Literal) :-
                  *            PROGRAM           *
                  *******************************/
 
-% A file that marks its program with begin_lpad/end_lpad is ordinary Prolog
-% with helper predicates; any other file is read as an LPAD program alone.
-load_program(File) :-
-    (   exists_file(File) -> true
-    ;   throw(program(format("~w: no such file", [File])))
-    ),
-    read_file_to_string(File, Text, []),
+% A file whose directives mark its program with begin_lpad/end_lpad is
+% ordinary Prolog with helper predicates; any other file is read as an LPAD
+% program alone.
+load_program(File, Safe) :-
+    catch(program_mode(File, Mode), E, program_file_error(File, E)),
     module_property(cplogic, file(Library)),
     cli_program:use_module(Library),
-    (   sub_string(Text, _, _, _, "begin_lpad")
-    ->  consult_program(File)
-    ;   catch(lpad_load(File, cli_program), E, program_error(E))
+    (   Mode == prolog
+    ->  consult_program(File, Safe)
+    ;   catch(lpad_load(File, cli_program, [safe(Safe)]), E, program_error(E))
     ).
 
-consult_program(File) :-
+program_file_error(File, error(existence_error(source_sink, _), _)) :-
+    !,
+    throw(program(format("~w: no such file", [File]))).
+program_file_error(_, E) :-
+    program_error(E).
+
+% In safe mode the file's own directives and the program's body goals are
+% checked, so that loading it runs nothing the sandbox refuses.
+consult_program(File, Safe) :-
     nb_setval(cplogic_cli_errors, []),
+    (   Safe == true -> cplogic_lpad:lpad_safe_module(cli_program) ; true ),
     setup_call_cleanup(
         asserta((user:message_hook(Term, error, _) :- cplogic_cli:note_error(Term)), Ref),
-        load_files(cli_program:File, [if(true)]),
+        load_files(cli_program:File, [if(true), sandboxed(Safe)]),
         erase(Ref)),
     nb_getval(cplogic_cli_errors, Errors),
     (   Errors = [First | _] -> throw(program(First)) ; true ).

@@ -3,6 +3,7 @@
             end_lpad/0,                 % end it and make it the module's program
             lpad_load/1,                % +File
             lpad_load/2,                % +File, +Module
+            lpad_load/3,                % +File, +Module, +Options
             prob/2,                     % :Goal, -Prob
             prob/3,                     % :Goal, +Evidence, -Prob
             prob/4,                     % :Goal, +Evidence, -Prob, +Options
@@ -60,6 +61,12 @@ program once per goal (up to variable renaming): its atom holds in a world
 exactly when the goal has a solution there. Auxiliary atoms and predicates
 have names that start with `$cplogic`; they never appear in answers.
 
+A program file from elsewhere is loaded with `lpad_load(File, Module,
+[safe(true)])` (`bin/cplogic --safe`): then a body, query or evidence goal
+that is not a program atom, and so runs as Prolog while grounding, must be
+one that library(sandbox) accepts, or the file is refused with the goal and
+its clause named.
+
 Outside the language, and errors that name the clause: a program atom
 inside findall/3, aggregate_all/3, forall/2, call/N or another meta-call,
 an if-then-else over program atoms, and a head that is not ground once its
@@ -76,6 +83,7 @@ body is solved (not range-restricted).
 :- use_module(library(pairs)).
 :- use_module(library(aggregate)).
 :- use_module(cplogic_cycles).
+:- use_module(cplogic_read).
 
 :- meta_predicate
     prob(:, -),
@@ -107,6 +115,10 @@ body is solved (not range-restricted).
 :- dynamic lpad_evidence/3.         % Module, Literal, Where: an evidence fact
 :- dynamic lpad_goal/3.             % Module, Key, Goal-Head: a goal's clause
 :- dynamic lpad_pending/3.          % Module, Item, Where: being read
+:- dynamic lpad_block_done/3.       % Module, File, Stream: the block of this load
+:- dynamic lpad_second_block/1.     % Module: a second block is being dropped
+:- dynamic lpad_safe/1.              % Module: its blocks are checked as safe(true)
+:- dynamic lpad_loading/4.          % Key, Item, Where, VarNames: lpad_load/3 reading
 :- dynamic lpad_reading/2.          % Module, File
 :- dynamic lpad_read_error/1.       % Module: a clause of the block was refused
 :- dynamic lpad_program/1.          % Module: it has a program
@@ -132,6 +144,17 @@ body is solved (not range-restricted).
 begin_lpad :-
     prolog_load_context(module, M),
     (   prolog_load_context(source, File) -> true ; File = user ),
+    (   prolog_load_context(stream, In) -> true ; In = none ),
+    (   lpad_block_done(M, File, In)
+    ->  % the clauses up to end_lpad are read and dropped
+        assertz(lpad_reading(M, File)),
+        assertz(lpad_read_error(M)),
+        assertz(lpad_second_block(M)),
+        (   source_location(_, Line) -> Where = File:Line ; Where = File ),
+        throw(error(cplogic_error(second_block, Where), _))
+    ;   retractall(lpad_block_done(M, File, _)),
+        assertz(lpad_block_done(M, File, In))
+    ),
     retractall(lpad_pending(M, _, _)),
     retractall(lpad_read_error(M)),
     retractall(lpad_reading(M, _)),
@@ -145,11 +168,27 @@ end_lpad :-
     prolog_load_context(module, M),
     retractall(lpad_reading(M, _)),
     findall(I-W, retract(lpad_pending(M, I, W)), Items),
-    (   retract(lpad_read_error(M))
+    (   retract(lpad_second_block(M))
+    ->  retractall(lpad_read_error(M))  % begin_lpad said why
+    ;   retract(lpad_read_error(M))
     ->  print_message(error, cplogic(program_not_loaded(M)))
-    ;   catch(install_program(M, Items), E,
+    ;   catch(( (   lpad_safe(M)
+                ->  findall(I-W-[], member(I-W, Items), Named),
+                    check_safe_program(M, Named)
+                ;   true
+                ),
+                install_program(M, Items)
+              ), E,
               print_message(error, E))
     ).
+
+%!  lpad_safe_module(+Module) is det.
+%
+%   The begin_lpad/end_lpad programs of Module are checked as lpad_load/3
+%   does with safe(true) (`bin/cplogic --safe` on a file with a block).
+lpad_safe_module(M) :-
+    must_be(atom, M),
+    (   lpad_safe(M) -> true ; assertz(lpad_safe(M)) ).
 
 user:term_expansion(Term, []) :-
     prolog_load_context(module, M),
@@ -165,94 +204,96 @@ user:term_expansion(Term, []) :-
 
 %!  lpad_load(+File) is det.
 %!  lpad_load(+File, +Module) is det.
+%!  lpad_load(+File, +Module, +Options) is det.
 %
 %   Reads an LPAD program from File and makes it the program of the calling
 %   module (or of Module). Reads both ordinary program files and the theory
-%   text that vorn_cp_theory_save/2 writes. On an error nothing changes.
+%   text that vorn_cp_theory_save/2 writes. On an error nothing changes;
+%   every error in the program names its file and line. Options:
+%
+%     - safe(true): for a file from elsewhere. Every body goal (and query
+%       or evidence goal) that would run as Prolog while grounding must be
+%       one that library(sandbox) accepts; the first that is not is an
+%       error naming the goal and its clause.
+%
+%   Directives in File are not run, except op/3, which holds in Module for
+%   the clauses after it.
 lpad_load(M:File) :-
-    lpad_load(File, M).
+    lpad_load(File, M, []).
 
 lpad_load(File, M) :-
+    lpad_load(File, M, []).
+
+lpad_load(File, M, Options) :-
     must_be(atom, M),
+    must_be(list, Options),
+    option(safe(Safe), Options, false),
+    must_be(boolean, Safe),
     (   is_of_type(text, File) -> true ; type_error(file_name, File) ),
-    absolute_file_name(File, Path, [access(read), file_errors(error)]),
-    read_program_terms(Path, Terms),
-    maplist(parse_located, Terms, Items),
-    install_program(M, Items).
-
-parse_located(Term-Where, Item-Where) :-
-    parse_term(Term, Where, Item).
-
-% Reads the file as Prolog text; a saved theory (whose lines are not all
-% Prolog syntax) is read line by line instead.
-read_program_terms(Path, Terms) :-
-    catch(read_prolog_terms(Path, Terms), error(syntax_error(_), _), fail),
-    !.
-read_program_terms(Path, Terms) :-
-    read_saved_theory(Path, Terms),
-    !.
-read_program_terms(Path, _) :-
-    read_prolog_terms(Path, _).         % raises the syntax error
-
-read_prolog_terms(Path, Terms) :-
+    flag(cplogic_load, Key, Key + 1),
+    op(700, xfx, M:(::)),               % the file is read with M's operators
     setup_call_cleanup(
-        open(Path, read, In),
-        read_terms(In, Path, Terms),
-        close(In)).
+        true,
+        ( read_program(File, load_term(Key, M),
+                       [variable_names(true), module(M)]),
+          findall(I-W, lpad_loading(Key, I, W, _), Items),
+          (   Safe == true
+          ->  findall(I-W-Ns, lpad_loading(Key, I, W, Ns), Named),
+              check_safe_program(M, Named)
+          ;   true
+          ),
+          install_program(M, Items)
+        ),
+        retractall(lpad_loading(Key, _, _, _))).
 
-% Read with this module's operators, so that P::H is a term.
-read_terms(In, Path, Terms) :-
-    catch(read_term(In, Term, [term_position(Pos), module(cplogic_lpad)]),
-          error(syntax_error(What), Context),
-          syntax_error_in(Path, What, Context)),
-    (   Term == end_of_file
-    ->  Terms = []
-    ;   Term = (:- _)
-    ->  read_terms(In, Path, Terms)
-    ;   stream_position_data(line_count, Pos, Line),
-        Terms = [Term-(Path:Line) | Rest],
-        read_terms(In, Path, Rest)
-    ).
-
-% Names the file in the error: the stream is closed by the time it is shown.
-syntax_error_in(Path, What, stream(_, Line, LinePos, CharNo)) :-
+% Each term is checked and stored as it is read, so that only the program
+% itself, not the file's text, is held.
+load_term(_, M, (:- D), _, _) :-
     !,
-    throw(error(syntax_error(What), file(Path, Line, LinePos, CharNo))).
-syntax_error_in(_, What, Context) :-
-    throw(error(syntax_error(What), Context)).
-
-% A saved theory: "% name", then one rule a line, possibly led by "(p) " or
-% by a " ; " that the writer leaves after a rule with a body.
-read_saved_theory(Path, Terms) :-
-    read_file_to_string(Path, Text, []),
-    split_string(Text, "\n", "", Lines),
-    Lines = [First | _],
-    sub_string(First, 0, _, _, "% "),
-    saved_lines(Lines, Path, 1, Terms).
-
-saved_lines([], _, _, []).
-saved_lines([Line | Lines], Path, N, Terms) :-
-    N1 is N + 1,
-    normalize_space(string(Trimmed), Line),
-    (   ( Trimmed == "" ; sub_string(Trimmed, 0, _, _, "%") )
-    ->  Terms = Rest
-    ;   sub_string(Trimmed, _, 1, 0, "."),
-        strip_saved_prefix(Trimmed, Rule),
-        term_string(Term, Rule),
-        Terms = [Term-(Path:N) | Rest]
-    ),
-    saved_lines(Lines, Path, N1, Rest).
-
-strip_saved_prefix(Line, Rule) :-
-    (   sub_string(Line, 0, _, After, "(p) ")
-    ->  sub_string(Line, 4, After, 0, Rest)
-    ;   Rest = Line
-    ),
-    (   sub_string(Rest, 0, 1, After2, ";")
-    ->  sub_string(Rest, 1, After2, 0, Rule0),
-        normalize_space(string(Rule), Rule0)
-    ;   Rule = Rest
+    (   nonvar(D), D = op(P, T, N)
+    ->  op(P, T, M:N)
+    ;   true
     ).
+load_term(Key, _, Term, Where, Names) :-
+    check_clause(Term, Where, Names),
+    parse_term(Term, Where, Item),
+    assertz(lpad_loading(Key, Item, Where, Names)).
+
+% Safe mode: the goals that are not program atoms run as Prolog while
+% grounding, so each must pass the sandbox.
+% Items = [Item-Where-VarNames, ...].
+check_safe_program(M, Items) :-
+    findall(N/A, ( member(clause(Hs, _)-_-_, Items), member(H-_, Hs),
+                   functor(H, N, A) ), Preds0),
+    sort(Preds0, Preds),
+    forall(member(Item-Where-Names, Items),
+           (   item_goal(Item, G)
+           ->  safe_goals(G, M, Preds, Where, Names)
+           ;   true
+           )).
+
+item_goal(clause(_, B), B).
+item_goal(query(Q), Q).
+item_goal(evidence(E), E).
+
+safe_goals(G, M, Preds, Where, Names) :-
+    (   var(G)
+    ->  true                            % bound by a query's answer
+    ;   control_goal(G, Args)
+    ->  forall(member(A, Args), safe_goals(A, M, Preds, Where, Names))
+    ;   callable(G), functor(G, N, A), ord_memberchk(N/A, Preds)
+    ->  true
+    ;   G == true
+    ->  true
+    ;   check_safe_body_goal(M:G, Where, Names)
+    ).
+
+control_goal((A, B), [A, B]).
+control_goal((A ; B), [A, B]).
+control_goal((A -> B), [A, B]).
+control_goal((A *-> B), [A, B]).
+control_goal(\+ A, [A]).
+control_goal(not(A), [A]).
 
                  /*******************************
                  *      CHECKING CLAUSES        *

@@ -37,7 +37,7 @@ Where a clause stands is `File:Line`, File the absolute path. Errors:
   - error(cplogic_error(unsafe_goal(Goal, Reason), Where), _): a body
     goal refused in safe mode.
 
-Safe mode is for program files from elsewhere (lpad_load/2 with
+Safe mode is for program files from elsewhere (lpad_load/3 with
 safe(true), `bin/cplogic --safe`): before a program is installed, every
 body goal that runs as Prolog while grounding (not the program's own
 atoms) goes through check_safe_body_goal/2, and a file with

@@ -255,6 +255,61 @@ test(named_errors) :-
                   catch(lpad_load(Syn), E2, true),
                   assertion(message_names(E2, Syn, 2)) )).
 
+test(file_and_clause_errors) :-
+    in_temp_dir(( make_directory(d),
+                  absolute_file_name(d, Dir),
+                  catch(lpad_load(Dir), E1, true),
+                  assertion(E1 = error(cplogic_error(directory, Dir), _)),
+                  file_with('var.pl', "a:0.5.\n\nb:0.5 :- X.\n", Var),
+                  catch(lpad_load(Var), E2, true),
+                  assertion(E2 = error(cplogic_error(variable_body_goal(_), Var:3), _)),
+                  assertion(message_names(E2, Var, 3)) )).
+
+test(safe_mode_refuses_shell) :-
+    in_temp_dir(( file_with('sh.pl', "a:0.5.\nb:0.5 :- a, shell(Cmd).\n", F),
+                  catch(lpad_load(F, safe_load, [safe(true)]), E, true),
+                  assertion(\+ exists_file(ran)) )),
+    assertion(E = error(cplogic_error(unsafe_goal(_, _), F:2), _)),
+    message_text(E, Text),
+    assertion(sub_string(Text, _, _, _, "body goal shell(Cmd) is refused")),
+    assertion(\+ catch(prob(safe_load:a, _), _, fail)).
+
+% Consulted: the second block is refused where it starts.
+test(second_block_in_consulted_file) :-
+    retractall(refused(_)),
+    in_temp_dir(( file_with('two.pl', ":- begin_lpad.\na:0.5.\n:- end_lpad.\n:- begin_lpad.\nb:0.5.\n:- end_lpad.\n", F),
+                  module_property(cplogic, file(Lib)),
+                  two_m:use_module(Lib),
+                  setup_call_cleanup(
+                      asserta((user:message_hook(E, error, _) :- assertz(refused(E))), Ref),
+                      load_files(two_m:F, []),
+                      erase(Ref)) )),
+    assertion(refused(error(cplogic_error(second_block, F:4), _))),
+    prob(two_m:a, P),
+    assertion(near(P, 0.5)).
+
+test(command_names_file_problems) :-
+    module_property(cplogic_read, file(Lib)),
+    file_directory_name(Lib, PlDir),
+    directory_file_path(PlDir, '../bin/cplogic', Exe),
+    in_temp_dir(( make_directory(d),
+                  absolute_file_name(d, Dir),
+                  run_cplogic(Exe, [Dir, a], S1, E1),
+                  file_with('sh.pl', "a:0.5.\nb :- shell('touch ran').\n", F),
+                  run_cplogic(Exe, ['--safe', F, b], S2, E2),
+                  assertion(\+ exists_file(ran)) )),
+    assertion(S1 == 1),
+    assertion(sub_string(E1, _, _, _, "is a directory")),
+    assertion(S2 == 1),
+    format(string(At), "~w:2: body goal shell('touch ran') is refused", [F]),
+    assertion(sub_string(E2, _, _, _, At)).
+
+run_cplogic(Exe, Args, Status, Err) :-
+    process_create(Exe, Args, [stdout(null), stderr(pipe(E)), process(Pid)]),
+    read_string(E, _, Err),
+    close(E),
+    process_wait(Pid, exit(Status)).
+
 test(saved_theory_loads) :-
     in_temp_dir(( file_with('t.cpl', "% theory\n(p) a:0.5 ; b:0.3 :- true.\n(p) c:0.5 :-  a.\n", F),
                   lpad_load(F),
