@@ -52,7 +52,6 @@ directives for that load.
 :- use_module(library(apply)).
 :- use_module(library(lists)).
 :- use_module(library(sandbox)).
-:- use_module(library(yall)).
 :- use_module(library(occurs)).
 
 :- meta_predicate
@@ -422,7 +421,15 @@ is_cplogic_library(Spec) :-
 % A copy of Term whose variables show the names they have in the clause.
 named(Term, Names, Named) :-
     copy_term(Term-Names, Named-Copy),
-    maplist([Name=Var]>>(var(Var) -> Var = '$VAR'(Name) ; true), Copy).
+    maplist(name_variable, Copy).
+
+% No lambda here: loading library(yall) would change how the user's files
+% that are loaded later compile their lambdas.
+name_variable(Name=Var) :-
+    (   var(Var)
+    ->  Var = '$VAR'(Name)
+    ;   true
+    ).
 
                  /*******************************
                  *           MESSAGES           *

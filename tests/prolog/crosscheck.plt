@@ -141,7 +141,7 @@ enumerated(Rules, N, Query, Evidence, PEvidence, PBoth) :-
                       world_probability(Rules, True, P) ),
             Worlds),
     foldl([P-_, S0, S]>>(S is S0 + P), Worlds, 0.0, PEvidence),
-    foldl([P-T, S0, S]>>(memberchk(Query, T) -> S is S0 + P ; S = S0), Worlds, 0.0, PBoth).
+    aggregate_all(sum(P), ( member(P-T, Worlds), memberchk(Query, T) ), PBoth).
 
 % ---- The module's answers ---------------------------------------------------
 
