@@ -584,8 +584,8 @@ mentions_prob_goal(M, G, Preds) :-
     ->  G =.. [_ | Args],
         member(Arg, Args),
         mentions_prob_goal(M, Arg, Preds)
-    ;   catch(predicate_property(M:G, meta_predicate(Spec)), _, fail),
-        arg(I, Spec, S),
+    ;   catch(predicate_property(M:G, meta_predicate(MetaHead)), _, fail),
+        arg(I, MetaHead, S),
         meta_arg(S, Extra),
         arg(I, G, Arg),
         extended_goal(Arg, Extra, Goal),

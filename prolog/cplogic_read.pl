@@ -405,16 +405,16 @@ sandbox:safe_directive(M:Directive) :-
 
 safe_program_directive(begin_lpad).
 safe_program_directive(end_lpad).
-safe_program_directive(use_module(Spec)) :-
-    is_cplogic_library(Spec).
-safe_program_directive(use_module(Spec, _)) :-
-    is_cplogic_library(Spec).
+safe_program_directive(use_module(Source)) :-
+    is_cplogic_library(Source).
+safe_program_directive(use_module(Source, _)) :-
+    is_cplogic_library(Source).
 
 % Loading the cplogic library itself (by any path) runs no program code.
-is_cplogic_library(Spec) :-
-    ground(Spec),
+is_cplogic_library(Source) :-
+    ground(Source),
     prolog_load_context(directory, Dir),
-    absolute_file_name(Spec, File, [ file_type(prolog), access(read),
+    absolute_file_name(Source, File, [ file_type(prolog), access(read),
                                      relative_to(Dir), file_errors(fail) ]),
     module_property(cplogic, file(File)).
 

@@ -8,6 +8,7 @@
 #include <ctime>
 #include <exception>
 #include <iostream>
+#include <memory>
 #include <sstream>
 
 #include "querylimits.h"
@@ -235,6 +236,19 @@ std::size_t tableEntriesOver(const std::vector<Confactor*>& confactors) {
     size = count != 0 && size > SIZE_MAX / count ? SIZE_MAX : size * count;
   }
   return size;
+}
+
+Confactor* productOfCompleteTables(const std::vector<Confactor*>& confactors) {
+  if (confactors.empty())
+    return nullptr;
+  checkTableSize(tableEntriesOver(confactors));
+  std::unique_ptr<Confactor> acc;
+  for (const Confactor* c : confactors) {
+    std::unique_ptr<Confactor> complete(c->convertToCPT(1));
+    acc.reset(acc == nullptr ? complete.release()
+                             : new Confactor(acc.get(), complete.get(), nullptr, 0, -1));
+  }
+  return acc.release();
 }
 
 // ---------------------------------------------------------------------------

@@ -141,6 +141,10 @@ class ConfactorScope {
 // Entries of one complete table over all the atoms of the confactors
 // (saturated at SIZE_MAX).
 std::size_t tableEntriesOver(const std::vector<Confactor*>& confactors);
+// The product of the confactors, each made complete (1 outside its
+// context), as one new table; null for none. The confactors stay the
+// caller's. A result over the table bound fails before any product is built.
+Confactor* productOfCompleteTables(const std::vector<Confactor*>& confactors);
 
 // A contextual factor: a table of doubles over its table atoms (layout at the
 // top of this file) that holds only where every context atom takes a value of

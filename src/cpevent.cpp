@@ -17,25 +17,9 @@ int32_t CPEvent::next_unique_id_ = 0;
 
 Confactor* completeTable(std::vector<Atom*> atoms, std::vector<Atom*> forAtoms,
                          const std::function<double(const AtomBody&)>& value) {
-  Confactor* table = new Confactor(atoms, nullptr, 0.0);
+  Confactor* table = tableGiven(atoms, nullptr, nullptr, value);
   for (Atom* forAtom : forAtoms)
     (*table->atoms_.find(forAtom))->setForAtom(true);
-  AtomBody assignment;
-  for (Atom* atom : atoms)
-    assignment[atom] = 0;
-  // Odometer over all assignments; setValue finds each one's slot.
-  while (true) {
-    table->setValue(assignment, value(assignment));
-    size_t i = 0;
-    for (; i < atoms.size(); ++i) {
-      int& v = assignment[atoms[i]];
-      if (++v < static_cast<int>(atoms[i]->domainsize_))
-        break;
-      v = 0;
-    }
-    if (i == atoms.size())
-      break;
-  }
   return table;
 }
 
@@ -80,29 +64,12 @@ Confactor* tableGiven(const std::vector<Atom*>& atoms, Atom* forAtom, const Atom
 
 Confactor* mergeIntoTable(Confactors& list) {
   assert(!list.empty());
-  if (list.size() == 1) {
-    Confactor* only = list[0];
-    list.clear();
-    return only;
-  }
-  // The result is a complete table over every atom of the pieces: a result
-  // over the bound fails before the growing products are built.
-  checkTableSize(tableEntriesOver(list));
-  Confactor* acc = nullptr;
-  for (Confactor* piece : list) {
-    Confactor* complete = piece->convertToCPT(1);
-    delete piece;
-    if (acc == nullptr) {
-      acc = complete;
-      continue;
-    }
-    Confactor* product = new Confactor(acc, complete, nullptr, 0, -1);
-    delete acc;
-    delete complete;
-    acc = product;
-  }
+  Confactor* merged = list.size() == 1 ? list[0] : productOfCompleteTables(list);
+  if (list.size() > 1)
+    for (Confactor* piece : list)
+      delete piece;
   list.clear();
-  return acc;
+  return merged;
 }
 
 // ---------------------------------------------------------------------------

@@ -202,21 +202,9 @@ Confactor* CVE::createCPT() {
 }
 
 Confactor* CVE::createJoint() {
-  std::set<Confactor*, ConfactorCmpId>* all = getConfactorSet();
+  std::unique_ptr<std::set<Confactor*, ConfactorCmpId>> all(getConfactorSet());
   // Outside its context a confactor multiplies by 1, also when it is alone.
-  Confactor* result = nullptr;
-  for (Confactor* c : *all) {
-    Confactor* table = c->convertToCPT(1);
-    if (result == nullptr) {
-      result = table;
-      continue;
-    }
-    Confactor* product = new Confactor(table, result, nullptr, 0, -1);
-    delete table;
-    delete result;
-    result = product;
-  }
-  delete all;
+  Confactor* result = productOfCompleteTables(std::vector<Confactor*>(all->begin(), all->end()));
   if (result == nullptr)
     return new Confactor(constant_);
   for (double& v : result->values_)
