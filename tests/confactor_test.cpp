@@ -432,37 +432,6 @@ TEST(ConfactorContexts, CompatibilityTestsAndContextEditing) {
   EXPECT_EQ(e->str("", true), "b={11|T}, \n");
 }
 
-TEST(ConfactorText, DiagnosticXmlAndHuginForms) {
-  World w;
-  Atom *a = w.add(2, 2, "a"), *b = w.add(2, 1, "b"), *c = w.add(2, 3, "c");
-  auto f = make({{a, 3, ADS_TABLE | ADS_FORATOM}, {b, 3, ADS_TABLE}, {c, 2, ADS_CONTEXT}},
-                {0.25, 0.5, 0.75, 0.5});
-  EXPECT_EQ(f->str(">"),
-            ">b={11|T}, *a={11|T}, c={01|C}, \n>0\t0\t0.25\n>1\t0\t0.5\n>0\t1\t0.75\n>1\t1\t0.5\n");
-  std::string ax = a->xml(), bx = b->xml(), cx = c->xml();
-  EXPECT_EQ(f->xml("why"),
-            "<confactor>\n<foratom>a </foratom>\n<comment>why</comment>\n<context>\n"
-            "<atomvalue>" +
-                cx +
-                "<value>01</value></atomvalue></context>\n"
-                "<factor_cpt>\n<table><tr><th>" +
-                bx + "</th><th>" + ax +
-                "</th><th>Values</th></tr>\n<tr><td>0</td><td>0</td><td>0.25</td></tr>\n"
-                "<tr><td>1</td><td>0</td><td>0.5</td></tr>\n<tr><td>0</td><td>1</td><td>0.75</td>"
-                "</tr>\n<tr><td>1</td><td>1</td><td>0.5</td></tr>\n</table>\n</factor_cpt>\n"
-                "</confactor>\n");
-  EXPECT_NE(Confactor(3.0).xml("").find("<context>\nempty</context>\n"), std::string::npos);
-  f->removePureContextAtoms();
-  EXPECT_EQ(f->strHuginNet(),
-            "potential ( a | b  )\n{\n\tdata = (\n\t\t0.25\t0.75\t\n\t\t0.5\t0.5\t\n\t\t);\n}");
-  auto alone = make({{a, 3, ADS_TABLE | ADS_FORATOM}, {c, 2, ADS_CONTEXT}}, {0.1, 0.9});
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(alone->strHuginNet(), "potential ( a | c  )\n{\n\tdata = (\n\t\t0.1\t0.9\t\n\t\t);\n}");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Confactor is not a complete factor! Cannot convert to BN.");
-  EXPECT_EQ(f->graphviz(), "");
-}
-
 TEST(ConfactorText, InvariantMessages) {
   World w;
   Atom* a = w.add(2, 1);
