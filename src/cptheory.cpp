@@ -389,9 +389,9 @@ std::vector<double> CPTheory::jointProbabilities(Atom* q, const AtomBody& eviden
 }
 
 void CPTheory::orderGreedily(CVE* engine, Atom* q) {
-  std::set<Confactor*, ConfactorCmpId>* all = engine->getConfactorSet();
-  std::vector<Confactor*> confactors(all->begin(), all->end());
-  delete all;
+  // In creation order, where one event's confactors come together.
+  std::vector<Confactor*> confactors = engine->factors_.confactors();
+  std::sort(confactors.begin(), confactors.end(), ConfactorCmpId());
   std::vector<Atom*> eliminate;
   eliminate.reserve(engine->elim_order_.size());
   for (Atom* a : engine->elim_order_) {

@@ -12,70 +12,72 @@ std::vector<double> CVE::dbl_confactor_(1, 0.0);
 std::deque<Confactor*> CVE::confac_scratch_;
 bool CVE::confac_scratch_in_use_ = false;
 
-namespace {
-
-using Entry = std::multimap<int, Confactor*>::iterator;
-
-// Entries of one id that a removal walks before it marks the id crowded.
-const int kShortRange = 16;
-
-// Inserts (id, c) after the entries with equal id, and records it when the
-// id is crowded.
-void enter(CVE& cve, int id, Confactor* c) {
-  Entry it = cve.factors_.insert(std::make_pair(id, c));
-  if (cve.crowded_.empty())
-    return;
-  auto crowd = cve.crowded_.find(id);
-  if (crowd == cve.crowded_.end())
-    return;
-  ++crowd->second;
-  cve.crowded_entries_[c].push_back(it);
+void FactorIndex::insert(Confactor* c) {
+  const size_t stamp = alive_.size();
+  const bool fresh = live_.emplace(c, Record{stamp, c->atoms_.size()}).second;
+  assert(fresh);
+  (void)fresh;
+  alive_.push_back(1);
+  for (const AtomDomStruct* entry : c->atoms_)
+    lists_[static_cast<int>(entry->atom_->id_)].push_back(Entry{c, stamp});
+  entries_ += c->atoms_.size();
 }
 
-// Marks id crowded and records its entries, the given range, in map order.
-std::unordered_map<int, size_t>::iterator crowdId(CVE& cve, int id, std::pair<Entry, Entry> range) {
-  auto crowd = cve.crowded_.emplace(id, 0).first;
-  for (Entry it = range.first; it != range.second; ++it) {
-    ++crowd->second;
-    cve.crowded_entries_[it->second].push_back(it);
-  }
-  return crowd;
-}
-
-// Erases the first entry (id, c) in map order, if there is one.
-void eraseEntry(CVE& cve, int id, Confactor* c) {
-  auto crowd = cve.crowded_.empty() ? cve.crowded_.end() : cve.crowded_.find(id);
-  if (crowd == cve.crowded_.end()) {
-    auto range = cve.factors_.equal_range(id);
-    Entry it = range.first;
-    for (int walked = 0; it != range.second && walked < kShortRange; ++it, ++walked) {
-      if (it->second == c) {
-        cve.factors_.erase(it);
-        return;
-      }
+bool FactorIndex::erase(const Confactor* c) {
+  auto found = live_.find(c);
+  if (found == live_.end())
+    return false;
+  alive_[found->second.stamp] = 0;
+  entries_ -= found->second.entries;
+  retired_ += found->second.entries;
+  live_.erase(found);
+  if (live_.empty()) {
+    clear();
+  } else if (retired_ > entries_ + 4096) {
+    for (auto it = lists_.begin(); it != lists_.end();) {
+      compact(&it->second);
+      it = it->second.empty() ? lists_.erase(it) : std::next(it);
     }
-    if (it == range.second)
-      return;
-    crowd = crowdId(cve, id, range);
+    retired_ = 0;
   }
-  auto record = cve.crowded_entries_.find(c);
-  if (record == cve.crowded_entries_.end())
-    return;
-  // Entries under one id were recorded in map order.
-  std::vector<Entry>& mine = record->second;
-  auto found =
-      std::find_if(mine.begin(), mine.end(), [id](const Entry& e) { return e->first == id; });
-  if (found == mine.end())
-    return;
-  cve.factors_.erase(*found);
-  mine.erase(found);
-  if (mine.empty())
-    cve.crowded_entries_.erase(record);
-  if (--crowd->second == 0)
-    cve.crowded_.erase(crowd);
+  return true;
 }
 
-}  // namespace
+void FactorIndex::compact(std::vector<Entry>* entries) {
+  const size_t before = entries->size();
+  entries->erase(std::remove_if(entries->begin(), entries->end(),
+                                [this](const Entry& e) { return !alive_[e.stamp]; }),
+                 entries->end());
+  retired_ -= std::min(retired_, before - entries->size());
+}
+
+std::vector<Confactor*> FactorIndex::under(int id) {
+  std::vector<Confactor*> result;
+  auto list = lists_.find(id);
+  if (list == lists_.end())
+    return result;
+  compact(&list->second);
+  result.reserve(list->second.size());
+  for (const Entry& e : list->second)
+    result.push_back(e.confactor);
+  return result;
+}
+
+std::vector<Confactor*> FactorIndex::confactors() const {
+  std::vector<Confactor*> result;
+  result.reserve(live_.size());
+  for (const auto& entry : live_)
+    result.push_back(const_cast<Confactor*>(entry.first));
+  return result;
+}
+
+void FactorIndex::clear() {
+  lists_.clear();
+  live_.clear();
+  alive_.clear();
+  entries_ = 0;
+  retired_ = 0;
+}
 
 CVE::CVE()
     : next_auxiliary_rank_(0),
@@ -86,8 +88,10 @@ CVE::CVE()
       constant_(1.0) {}
 
 CVE::~CVE() {
-  while (!factors_.empty())
-    removeFactor(factors_.begin()->second, true);
+  const std::vector<Confactor*> all = factors_.confactors();
+  factors_.clear();
+  for (Confactor* c : all)
+    delete c;
 }
 
 void CVE::addFactor(Confactor* c) {
@@ -96,22 +100,20 @@ void CVE::addFactor(Confactor* c) {
     delete c;
     return;
   }
-  for (const AtomDomStruct* entry : c->atoms_)
-    enter(*this, static_cast<int>(entry->atom_->id_), c);
+  factors_.insert(c);
   ++num_factors_;
 }
 
 void CVE::removeFactor(Confactor* c, bool destroy) {
-  for (const AtomDomStruct* entry : c->atoms_)
-    eraseEntry(*this, static_cast<int>(entry->atom_->id_), c);
+  factors_.erase(c);
   if (destroy)
     delete c;
   --num_factors_;
 }
 
 void CVE::removeFactors(bool destroy) {
-  while (!factors_.empty())
-    removeFactor(factors_.begin()->second, destroy);
+  for (Confactor* c : factors_.confactors())
+    removeFactor(c, destroy);
 }
 
 void CVE::addAtom(Atom* a) {
@@ -137,32 +139,30 @@ void CVE::reverseElimOrder() {
 }
 
 void CVE::clear() {
-  while (!factors_.empty())
-    removeFactor(factors_.begin()->second, false);
+  removeFactors(false);
   elim_order_.clear();
 }
 
 void CVE::combine(const CVE& other) {
   assert(&other != this);
-  for (const auto& entry : other.factors_)
-    enter(*this, entry.first, entry.second);
+  for (Confactor* c : other.factors_.confactors())
+    factors_.insert(c);
   elim_order_.insert(elim_order_.end(), other.elim_order_.begin(), other.elim_order_.end());
 }
 
 std::vector<Confactor*>* CVE::getFactorsFor(Atom* a) {
   auto* result = new std::vector<Confactor*>();
-  auto range = factors_.equal_range(a->id_);
-  for (auto it = range.first; it != range.second; ++it) {
-    if (it->second->isForAtom(*a))
-      result->push_back(it->second);
+  for (Confactor* c : factors_.under(a->id_)) {
+    if (c->isForAtom(*a))
+      result->push_back(c);
   }
   return result;
 }
 
 std::set<Confactor*, ConfactorCmpId>* CVE::getConfactorSet() const {
   auto* result = new std::set<Confactor*, ConfactorCmpId>();
-  for (const auto& entry : factors_)
-    result->insert(entry.second);
+  for (Confactor* c : factors_.confactors())
+    result->insert(c);
   return result;
 }
 
@@ -215,35 +215,26 @@ Confactor* CVE::createJoint() {
 void CVE::renormalize() {}
 
 void CVE::eliminate(Atom* a) {
-  std::vector<Confactor*> found;
-  auto range = factors_.equal_range(a->id_);
-  // Sized once: a noisy-or's prime atom has a confactor per cause, and each
-  // regrowth of a large vector makes the allocator consolidate its free lists.
-  found.reserve(std::distance(range.first, range.second));
-  for (auto it = range.first; it != range.second; ++it) {
-    found.push_back(it->second);
-    it->second->resetWeights();
-  }
+  std::vector<Confactor*> found = factors_.under(a->id_);
+  for (Confactor* c : found)
+    c->resetWeights();
 
   // Weights become distinct ranks of the atoms' occurrence counts, with a
   // lowest: the set branches on frequent atoms at the root and on a deepest.
   std::vector<Atom*> involved;
   for (Confactor* c : found) {
     for (AtomDomStruct* entry : c->atoms_) {
-      involved.push_back(entry->atom_);
-      entry->atom_->weight_++;
+      if (entry->atom_->weight_++ == 0)
+        involved.push_back(entry->atom_);
     }
   }
   a->weight_ = 0;
-  std::sort(involved.begin(), involved.end(), Atom::CmpWeight());
+  std::sort(involved.begin(), involved.end(), [](const Atom* x, const Atom* y) {
+    return x->weight_ != y->weight_ ? x->weight_ < y->weight_ : x->id_ < y->id_;
+  });
   unsigned int counter = 1;
-  int remembered = 0;
-  for (Atom* atom : involved) {
-    if (atom->id_ != remembered) {
-      remembered = atom->id_;
-      atom->weight_ = counter++;
-    }
-  }
+  for (Atom* atom : involved)
+    atom->weight_ = counter++;
   if (found.empty())
     return;
   // Without contexts the product is one table over every atom involved: one
@@ -271,12 +262,11 @@ void CVE::eliminate(Atom* a) {
 void CVE::eliminateNoCST(Atom* a) {
   to_absorb_.clear();
   complete_set_.clear();
-  auto range = factors_.equal_range(a->id_);
-  for (auto it = range.first; it != range.second; ++it) {
-    if (it->second->isForAtom(*a)) {
-      complete_set_.push_back(it->second);
+  for (Confactor* c : factors_.under(a->id_)) {
+    if (c->isForAtom(*a)) {
+      complete_set_.push_back(c);
     } else {
-      to_absorb_.push_back(it->second);
+      to_absorb_.push_back(c);
     }
   }
   // Absorption multiplies each confactor into the tables for a that overlap

@@ -15,25 +15,54 @@
 #include "atom.h"
 #include "confactor.h"
 
+// The confactors of an engine, each under the id of every atom it has an
+// entry for; entries under one id come in insertion order. Removing a
+// confactor retires all its entries at once: they are dropped when their id
+// is next read, or when retired entries outnumber live ones. Entering and
+// removing thus cost O(1) per entry; an ordered multimap made a tree node per
+// entry, which dominated elimination on theories whose contexts are long.
+class FactorIndex {
+ public:
+  // Enters c under each atom of c. REQUIRES: c is not entered.
+  void insert(Confactor* c);
+  // Retires c's entries; false when c is not entered.
+  bool erase(const Confactor* c);
+  // The confactors entered under id, in insertion order.
+  std::vector<Confactor*> under(int id);
+  // Live (atom id, confactor) entries.
+  size_t size() const { return entries_; }
+  bool empty() const { return live_.empty(); }
+  // The distinct confactors entered, in no particular order.
+  std::vector<Confactor*> confactors() const;
+  void clear();
+
+ private:
+  struct Entry {
+    Confactor* confactor;
+    size_t stamp;  // the insert that made it; live while alive_[stamp]
+  };
+  struct Record {
+    size_t stamp;
+    size_t entries;
+  };
+  void compact(std::vector<Entry>* entries);
+
+  std::unordered_map<int, std::vector<Entry> > lists_;
+  std::unordered_map<const Confactor*, Record> live_;
+  std::vector<char> alive_;
+  size_t entries_ = 0;
+  size_t retired_ = 0;
+};
+
 // The elimination engine. Fill it with addFactor and addAtom, query once
 // (query, or queryWithSuspend step by step), read the answer with createCPT.
 // Not reentrant: elimination rewrites the weights of the atoms involved and
 // the confactor algebra uses shared scratch data.
 class CVE {
  public:
-  // Each confactor once under the id of every atom it has an entry for, equal
-  // ids in insertion order. The engine owns the confactors.
-  std::multimap<int, Confactor*> factors_;
-  // Ids with many confactors (a noisy-or's prime atom has one per cause),
-  // with their number of entries, and for each confactor its entries under
-  // those ids in insertion order: removing a confactor then need not walk
-  // all the confactors of such an id. An id is added when a removal does not
-  // find its entry among the id's first few, and dropped with its last entry.
-  // Only addFactor, combine and removeFactor change factors_; they keep both
-  // maps exact.
-  std::unordered_map<int, size_t> crowded_;
-  std::unordered_map<const Confactor*, std::vector<std::multimap<int, Confactor*>::iterator> >
-      crowded_entries_;
+  // The confactors, under the id of every atom they have an entry for; the
+  // engine owns them.
+  FactorIndex factors_;
   std::vector<Atom*> elim_order_;  // atoms not owned, except auxiliary_atoms_
   // Atoms that only this engine's confactors use (chains that decompose a
   // conjunction or a disjunction); owned, and entered in elim_order_.
