@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cfenv>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <sstream>
 #include <unordered_map>
@@ -347,6 +349,27 @@ Confactor* CPTheory::query(std::string name) {
 
 std::vector<double> CPTheory::jointProbabilities(Atom* q, const AtomBody& evidence) {
   compile();
+  std::feclearexcept(FE_UNDERFLOW);
+  std::vector<double> joint = jointProbabilitiesOf(q, evidence);
+  // A product that left the range of double became a denormal with few
+  // exact bits, or 0. Such values are only known to be below the smallest
+  // normal double; 0 is their nearest reading. When nothing above remains,
+  // the evidence's probability is unknown, not 0.
+  if (std::fetestexcept(FE_UNDERFLOW)) {
+    bool kept = false;
+    for (double& v : joint) {
+      if (v < std::numeric_limits<double>::min())
+        v = 0.0;
+      else
+        kept = true;
+    }
+    if (!kept)
+      throw ProbabilityUnderflow();
+  }
+  return joint;
+}
+
+std::vector<double> CPTheory::jointProbabilitiesOf(Atom* q, const AtomBody& evidence) {
   WeightSnapshot weights(atoms_);
   // An observed query atom is decided by the evidence: only P(evidence) is
   // computed, and no elimination runs for the query atom itself.

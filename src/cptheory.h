@@ -102,7 +102,9 @@ class CPTheory : public ConfactorNetworkBase {
   Confactor* query(std::string name);
   // Entry v is P(q = v, evidence) for every value v of q; with q null, one
   // entry: P(evidence). No entry is negative, and their sum is 0 exactly
-  // when the evidence is impossible. The theory is left as it was: no atom
+  // when the evidence is impossible. An entry below the smallest normal
+  // double is 0; throws ProbabilityUnderflow when all are. The theory is
+  // left as it was: no atom
   // is registered, no weight, rank or setting changes.
   // REQUIRES: q (when not null) and the atoms of evidence belong to this theory.
   std::vector<double> jointProbabilities(Atom* q, const AtomBody& evidence);
@@ -146,6 +148,7 @@ class CPTheory : public ConfactorNetworkBase {
   std::string strGraphviz(bool compact);
 
  private:
+  std::vector<double> jointProbabilitiesOf(Atom* q, const AtomBody& evidence);
   // Confactors of the OR of the causes of a (restricted to row v when v is
   // not -1), as a decision list over the causes.
   void orConfactors(Atom* a, int v, Confactors* out);

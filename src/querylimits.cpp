@@ -24,6 +24,9 @@ TableTooLarge::TableTooLarge(std::size_t entries, std::size_t limit)
 
 QueryInterrupted::QueryInterrupted() : std::runtime_error("query interrupted") {}
 
+ProbabilityUnderflow::ProbabilityUnderflow()
+    : std::runtime_error("the probabilities fall below the range of double precision") {}
+
 ScopedQueryLimits::ScopedQueryLimits(const QueryLimits& limits) : previous_(g_limits) {
   g_limits = &limits;
 }

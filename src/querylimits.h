@@ -35,6 +35,13 @@ class QueryInterrupted : public std::runtime_error {
   QueryInterrupted();
 };
 
+// Every value of a query's answer fell below the smallest normal double
+// (about 2.2e-308) on the way, so that their ratio means nothing.
+class ProbabilityUnderflow : public std::runtime_error {
+ public:
+  ProbabilityUnderflow();
+};
+
 // Installs limits for the queries of this thread while it lives; nests.
 class ScopedQueryLimits {
  public:

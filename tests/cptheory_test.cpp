@@ -597,6 +597,25 @@ TEST(CPTheoryQueries, CyclicRulesAreRefusedNamingTheirAtoms) {
   }
 }
 
+// a0:0.5, a_i:0.5 :- a_{i-1}: P(a_n) = 2^-(n+1), below the doubles from
+// n = 1074. Past it, the probability of a_n is 0 to the nearest double; with
+// a_n observed, the evidence itself is out of range.
+TEST(CPTheoryQueries, ProbabilitiesBelowTheDoublesAreZeroOrAnError) {
+  CPTheory theory("T");
+  std::vector<Atom*> chain{theory.addAtom("a0")};
+  addRule(theory, {{chain[0], 0.5}}, {});
+  for (int i = 1; i <= 1200; ++i) {
+    chain.push_back(theory.addAtom("a" + std::to_string(i)));
+    addRule(theory, {{chain[i], 0.5}}, {{chain[i - 1], 1}});
+  }
+  std::vector<double> normal = theory.jointProbabilities(chain[1000], {});
+  EXPECT_EQ(normal[1], std::ldexp(1.0, -1001));
+  std::vector<double> below = theory.jointProbabilities(chain[1200], {});
+  EXPECT_EQ(below[1], 0.0);
+  EXPECT_EQ(below[0], 1.0);
+  EXPECT_THROW(theory.jointProbabilities(nullptr, {{chain[1200], 1}}), ProbabilityUnderflow);
+}
+
 TEST(CPTheoryQueries, LateRuleIsCompiledBeforeTheNextQuery) {
   Fixture f;
   CPEvent* e = addRule(f.theory, {{f.h, 0.5}}, {{f.a, 1}});
