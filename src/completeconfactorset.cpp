@@ -236,22 +236,29 @@ void CompleteConfactorSet::sumout(CCFSNB* node, Atom* atom) {
 }
 
 void CompleteConfactorSet::extractConfactors(std::vector<Confactor*>* out) {
+  path_.clear();
   extractConfactorsGoDown(root_, out);
 }
 
 void CompleteConfactorSet::extractConfactorsGoDown(CCFSNB* node, std::vector<Confactor*>* out) {
   if (node->node_ == NULL) {
-    if (node->leaf_ != NULL)
+    if (node->leaf_ != NULL) {
+      std::vector<AtomDomStruct*> context;
+      context.reserve(path_.size());
+      for (const auto& step : path_)
+        context.push_back(
+            new AtomDomStruct(step.first, static_cast<int>(step.second), ADS_CONTEXT));
+      node->leaf_->atoms_.insertAll(&context);
       out->push_back(node->leaf_);
+    }
     node->leaf_ = NULL;  // the caller owns it now
     return;
   }
   Atom* atom = node->node_->atom_;
   for (auto& child : node->node_->children_) {
-    const size_t first = out->size();
+    path_.emplace_back(atom, child.first);
     extractConfactorsGoDown(child.second, out);
-    for (size_t i = first; i < out->size(); ++i)
-      (*out)[i]->addAtom(atom, ADS_CONTEXT, child.first, 1, -1);
+    path_.pop_back();
   }
 }
 

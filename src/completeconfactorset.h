@@ -106,6 +106,9 @@ class CompleteConfactorSet {
   void extractConfactors(std::vector<Confactor*>* out);
   void extractConfactorsGoDown(CCFSNB* node, std::vector<Confactor*>* out);
 
+  // The branches from the root to the position extractConfactorsGoDown is at.
+  std::vector<std::pair<Atom*, unsigned int>> path_;
+
   // Indented text dump of the tree; values adds every leaf's table values.
   std::string str(std::string indent, bool values);
   void str(std::ostringstream* os, CompleteConfactorSetNodeBase* node, std::string& indent,

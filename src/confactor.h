@@ -12,6 +12,7 @@
 #ifndef CPLOGIC_CONFACTOR_H
 #define CPLOGIC_CONFACTOR_H
 
+#include <cstddef>
 #include <ostream>
 #include <string>
 #include <utility>
@@ -43,6 +44,11 @@ struct AtomDomStruct {
   uint32_t count_;
   uint32_t flags_;
   int32_t block_;  // written only by Confactor::updateSize
+
+  // Entries come and go by the million in an elimination: freed ones are
+  // kept for reuse by the thread that freed them.
+  static void* operator new(std::size_t size);
+  static void operator delete(void* p);
 
   AtomDomStruct();
   AtomDomStruct(const AtomDomStruct& other) = default;
@@ -90,6 +96,10 @@ class ConfactorAtoms : public std::vector<AtomDomStruct*> {
   // Takes ownership of entry when the result's bool is true; when the atom is
   // present already, returns (its entry, false) and entry stays the caller's.
   std::pair<iterator, bool> insert(AtomDomStruct* entry);
+  // Takes ownership of every entry of fresh; those whose atom is present
+  // already are deleted. One merge, where inserting one by one would move
+  // the tail of the vector for each.
+  void insertAll(std::vector<AtomDomStruct*>* fresh);
   // Deletes the entry; returns the position of the next one.
   iterator erase(iterator it);
   // Restores the rank order after the atoms' ranks changed.

@@ -47,7 +47,7 @@ class FactorIndex {
   };
   void compact(std::vector<Entry>* entries);
 
-  std::unordered_map<int, std::vector<Entry> > lists_;
+  std::unordered_map<int, std::vector<Entry>> lists_;
   std::unordered_map<const Confactor*, Record> live_;
   std::vector<char> alive_;
   size_t entries_ = 0;
@@ -85,7 +85,7 @@ class CVE {
   // Both are empty again when an elimination ends. g++ names a template in
   // assertion messages as it is first written in a unit; createResiduals'
   // messages quote the deque with its allocator, so it is written so here.
-  std::deque<Confactor*, std::allocator<Confactor*> > to_absorb_;
+  std::deque<Confactor*, std::allocator<Confactor*>> to_absorb_;
   std::deque<Confactor*> complete_set_;
 
   // Reserved scratch storage; no operation uses it.

@@ -320,8 +320,9 @@ TEST(CVE, AbsorptionKeepsWhatMeetsNoTable) {
   for (bool tree : {true, false}) {
     CVE cve;
     cve.use_complete_set_tree_ = tree;
-    cve.addFactor(t.table({&t.a, &t.b}, {0.3, 0.5, 0.6, 0.4}, {{&t.b, 1}}));    // b = 0
-    Confactor* second = t.table({&t.b, &t.a}, {2, 5, 3, 7}, {{&t.a, 2}, {&t.b, 2}});  // b = 1, a = 1
+    cve.addFactor(t.table({&t.a, &t.b}, {0.3, 0.5, 0.6, 0.4}, {{&t.b, 1}}));  // b = 0
+    Confactor* second =
+        t.table({&t.b, &t.a}, {2, 5, 3, 7}, {{&t.a, 2}, {&t.b, 2}});  // b = 1, a = 1
     cve.addFactor(second);
     const double onlyValue = second->values_.at(0);
     cve.addAtom(&t.a);
