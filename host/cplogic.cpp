@@ -15,29 +15,18 @@
 PelmFunctorId g_global_not = 0;
 
 extern pelm_type VornCPTheoryType;
-typedef PelmNonExMutCollectable<VornCPTheory, &VornCPTheoryType> VornCPTheoryCollectable;
+typedef PelmCollectable<VornCPTheory, &VornCPTheoryType> VornCPTheoryCollectable;
 
 pelm_type VornCPTheoryType("vorn_cp_theory", DefaultCreateCollectable<VornCPTheoryCollectable>,
-                           InitCreateCollectable<VornCPTheoryCollectable>, 0, nullptr);
-
-void cplogic_init() {
-  g_global_not = func_lookup("\\+", 1);
-}
+                           InitCreateCollectable<VornCPTheoryCollectable>);
 
 int pelm_module_init_cplogic_cplogic() {
-  cplogic_init();
+  g_global_not = func_lookup("\\+", 1);
   PELMRegisterAllTypes();
   return 1;
 }
 
 namespace {
-
-// The live theory an object-ID argument names; throws the Prolog error that
-// names the argument otherwise.
-VornCPTheory* theoryArgument(PelmMachine* machine, long id) {
-  pelm_global_machine = machine;
-  return HeapGetFromTerm<VornCPTheoryCollectable>(id, "vorn_cp_theory")->object_.get();
-}
 
 // The largest table a call may build unless its options say otherwise:
 // 2^24 entries (128 MB of doubles), so that one query cannot take the
@@ -80,7 +69,9 @@ std::string tableTooLargeMessage(const TableTooLarge& e) {
 // signal handler's exception (a time limit, Ctrl-C) ends the call unchanged.
 template <class Method>
 int withTheory(PelmMachine* machine, Method method, const CallOptions& options = CallOptions()) {
-  VornCPTheory* theory = theoryArgument(machine, machine->argument(1));
+  VornCPTheory* theory =
+      HeapGetFromTerm<VornCPTheoryCollectable>(machine->argument(1), "vorn_cp_theory")
+          ->object_.get();
   QueryLimits limits;
   limits.max_table_entries = options.max_table_entries;
   limits.interrupted = pelm_handle_signals;
@@ -152,10 +143,7 @@ CallOptions readOptions(long list) {
     } else if (name == "progress") {
       std::string b = pelm_is_atom(value) ? PELM_atom(value).text() : "";
       if (b != "true" && b != "false") {
-        if (pelm_is_var(value)) {
-          pelm_instantiation_error();
-        }
-        pelm_type_error("bool", value);
+        pelm_wrong_type("bool", value);
       }
       options.progress = b == "true";
     }

@@ -1,48 +1,27 @@
-// The collectable classes that make a module's object a managed object of the
-// host heap, the creation functions the host calls for its type, and the
-// lookup from an object-ID term to the object.
+// The collectable that makes a module's object a managed object of the host
+// heap, the creation functions the host calls for its type, and the lookup
+// from an object-ID term to the object.
 #ifndef CPLOGIC_PELMCOLLECTABLE_H
 #define CPLOGIC_PELMCOLLECTABLE_H
 
 #include <memory>
 #include <new>
-#include <string>
 #include <utility>
 
 #include "stdpelm.h"
 
-// A collectable with a reference count of its own: the module keeps an object
-// out of garbage collection while the count is not zero.
-class CRefCount_Collectable : public Collectable {
- public:
-  int ref_count_ = 0;
-
-  bool NeededByC() const override { return ref_count_ != 0; }
-  int IncRefCount() override {
-    ++ref_count_;
-    return 1;
-  }
-  int DecRefCount() override {
-    --ref_count_;
-    return 1;
-  }
-};
-
 // Holds an object of class T for the host type *Type. The object is shared
 // with the collectables that copied it (Copy) and freed with the last of them.
 template <class T, pelm_type* Type>
-class PelmCollectable : public CRefCount_Collectable {
+class PelmCollectable : public Collectable {
  public:
   typedef T object_type;
 
   std::shared_ptr<T> object_;  // null once freed
 
   explicit PelmCollectable(std::shared_ptr<T> object) : object_(std::move(object)) {}
-  ~PelmCollectable() override { object_.reset(); }
 
-  bool is_type(const pelm_type* t) const override { return t->type_id_ == Type->type_id_; }
   const char* type_name() const override { return Type->name_.c_str(); }
-  int type_id() const override { return Type->type_id_; }
   void do_free() override { object_.reset(); }
   bool live() const override { return object_ != nullptr; }
   std::ostream& Print(std::ostream& os) const override {
@@ -51,25 +30,15 @@ class PelmCollectable : public CRefCount_Collectable {
     }
     return os;
   }
-};
-
-// The collectable the host instantiates: one whose state another collectable
-// of its class can take over.
-template <class T, pelm_type* Type>
-class PelmNonExMutCollectable : public PelmCollectable<T, Type> {
- public:
-  explicit PelmNonExMutCollectable(std::shared_ptr<T> object)
-      : PelmCollectable<T, Type>(std::move(object)) {}
-
-  // Shares the object of live heap entry id; this collectable's own object is
-  // released (freed unless another collectable shares it).
-  int Copy(int id) override {
-    auto* other = dynamic_cast<PelmNonExMutCollectable*>(the_pelm_heap.at(id));
+  // Shares source's object; this collectable's own object is released (freed
+  // unless another collectable shares it).
+  bool Copy(const Collectable& source) override {
+    auto* other = dynamic_cast<const PelmCollectable*>(&source);
     if (other == nullptr) {
-      return 0;
+      return false;
     }
-    this->object_ = other->object_;
-    return 1;
+    object_ = other->object_;
+    return true;
   }
 };
 

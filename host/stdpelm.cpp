@@ -18,11 +18,10 @@
 static_assert(sizeof(term_t) <= sizeof(long), "a term slot must fit in a long");
 static_assert(sizeof(atom_t) == sizeof(uintptr_t), "atoms are held as uintptr_t");
 
-uintptr_t nil_atom = 0;
-PelmMachine* pelm_global_machine = nullptr;
-PelmHeap the_pelm_heap;
-
 namespace {
+
+// The empty list, a reserved symbol without text of its own in SWI-Prolog 7+.
+atom_t nil_atom = 0;
 
 // The core is not reentrant: one call at a time in the whole process, and
 // none from a signal handler that runs inside a call of the same thread.
@@ -30,7 +29,6 @@ std::timed_mutex g_call_lock;
 thread_local bool t_in_call = false;
 
 std::string atom_text(atom_t a) {
-  // The empty list is a reserved symbol without text of its own in SWI-Prolog 7+.
   if (a == nil_atom) {
     return "[]";
   }
@@ -143,7 +141,10 @@ class OutputRedirect {
 // ---- Heap and object handles ------------------------------------------------
 
 std::vector<Collectable*> g_heap;
-// Indices whose handles were collected, for new objects.
+// Indices whose handles were collected, for new objects. An index is given
+// to a new object only once the handle of the object that had it has been
+// collected: no term can name the old object any more, so a handle never
+// reaches another object.
 std::vector<int> g_free_indices;
 
 // Blobs are released by SWI's atom garbage collector, possibly in another
@@ -178,8 +179,7 @@ void free_released_objects() {
   }
   reserve_free_index();
   for (int index : released) {
-    Collectable* c = g_heap[index];
-    if (c != nullptr && !c->NeededByC()) {
+    if (g_heap[index] != nullptr) {
       destroy_collectable(index);
       g_free_indices.push_back(index);
     }
@@ -245,12 +245,7 @@ const pelm_type* find_type(const std::string& name) {
 // pelm_new(+TypeName, -Object) and pelm_new(+TypeName, +InitTerm, -Object).
 int pelm_new(PelmMachine* m) {
   long name_term = m->argument(1);
-  pelm_must_be_atom(name_term);
-  atom_t name;
-  if (!PL_get_atom(name_term, &name)) {
-    pelm_type_error("atom", name_term);
-  }
-  const pelm_type* type = find_type(atom_text(name));
+  const pelm_type* type = find_type(PELM_atom(name_term).text());
   if (type == nullptr) {
     return PL_existence_error("pelm_type", name_term);
   }
@@ -292,10 +287,8 @@ int pelm_free(PelmMachine* m) {
 // live: a freed target stays freed.
 int pelm_copy(PelmMachine* m) {
   Collectable* target = PelmHeapLookup(m->argument(1));
-  PelmHeapLookup(m->argument(2), target->type_name());
-  int source = -1;
-  PrologIDToInt(m->argument(2), &source);
-  if (!target->Copy(source)) {
+  Collectable* source = PelmHeapLookup(m->argument(2), target->type_name());
+  if (!target->Copy(*source)) {
     pelm_type_error(target->type_name(), m->argument(2));
   }
   return 1;
@@ -321,19 +314,13 @@ const PelmPredicate kHostPredicates[] = {{"pelm_new", 2, pelm_new},
 const PelmPredicate* g_current = nullptr;
 term_t g_error = 0;
 
-foreign_t raise_error(const PelmPredicate& p, const char* text, long culprit) {
+// error(pelm_error(Text), context(Name/Arity, _)): an exception of the core
+// that is not one of the host's errors.
+foreign_t raise_error(const PelmPredicate& p, const char* text) {
   term_t ex = PL_new_term_ref();
-  int built;
-  if (culprit != 0) {
-    built = PL_unify_term(ex, PL_FUNCTOR_CHARS, "error", 2, PL_FUNCTOR_CHARS, "type_error", 2,
-                          PL_CHARS, "atom", PL_TERM, static_cast<term_t>(culprit), PL_FUNCTOR_CHARS,
-                          "context", 2, PL_FUNCTOR_CHARS, "/", 2, PL_CHARS, p.name, PL_INT, p.arity,
-                          PL_UTF8_CHARS, text);
-  } else {
-    built = PL_unify_term(ex, PL_FUNCTOR_CHARS, "error", 2, PL_FUNCTOR_CHARS, "pelm_error", 1,
-                          PL_UTF8_CHARS, text, PL_FUNCTOR_CHARS, "context", 2, PL_FUNCTOR_CHARS,
-                          "/", 2, PL_CHARS, p.name, PL_INT, p.arity, PL_VARIABLE);
-  }
+  int built = PL_unify_term(ex, PL_FUNCTOR_CHARS, "error", 2, PL_FUNCTOR_CHARS, "pelm_error", 1,
+                            PL_UTF8_CHARS, text, PL_FUNCTOR_CHARS, "context", 2, PL_FUNCTOR_CHARS,
+                            "/", 2, PL_CHARS, p.name, PL_INT, p.arity, PL_VARIABLE);
   return built ? PL_raise_exception(ex) : FALSE;
 }
 
@@ -413,16 +400,14 @@ foreign_t call_predicate(const PelmPredicate& p, term_t a0, int arity) {
   } catch (const PelmError&) {
     // A term that could not be built leaves SWI's own resource error pending.
     return PL_is_variable(g_error) ? FALSE : PL_raise_exception(g_error);
-  } catch (const PelmObjectCreationError& e) {
-    return raise_error(p, e.what(), e.culprit_);
   } catch (const std::bad_alloc&) {
     return raise_memory_error(p);
   } catch (const std::length_error&) {  // a size beyond what a vector can hold
     return raise_memory_error(p);
   } catch (const std::exception& e) {
-    return raise_error(p, e.what(), 0);
+    return raise_error(p, e.what());
   } catch (...) {
-    return raise_error(p, "unknown C++ exception", 0);
+    return raise_error(p, "unknown C++ exception");
   }
 }
 
@@ -485,50 +470,20 @@ bool register_predicate(const PelmPredicate& p) {
 
 // ---- Terms ----------------------------------------------------------------------
 
-PelmTermType pelm_term_type(long term) {
-  switch (PL_term_type(term)) {
-    case PL_VARIABLE:
-      return PELM_VAR;
-    case PL_ATOM:
-      return PELM_ATOM;
-    case PL_NIL:
-      return PELM_NIL;
-    case PL_INTEGER: {
-      int64_t v;
-      return PL_get_int64(term, &v) && v >= INT32_MIN && v <= INT32_MAX ? PELM_INTEGER : PELM_OTHER;
-    }
-    case PL_FLOAT:
-      return PELM_FLOAT;
-    case PL_TERM:
-      return PELM_STRUCTURE;
-    case PL_LIST_PAIR:
-      return PELM_LIST_CELL;
-    default:
-      return PELM_OTHER;
-  }
-}
-
 bool pelm_is_atom(long term) {
-  PelmTermType t = pelm_term_type(term);
-  return t == PELM_ATOM || t == PELM_NIL;
+  int type = PL_term_type(term);
+  return type == PL_ATOM || type == PL_NIL;
 }
 bool pelm_is_integer(long term) {
-  return pelm_term_type(term) == PELM_INTEGER;
-}
-bool pelm_is_float(long term) {
-  return PL_is_float(term);
+  int64_t v;
+  return PL_term_type(term) == PL_INTEGER && PL_get_int64(term, &v) && v >= INT32_MIN &&
+         v <= INT32_MAX;
 }
 bool pelm_is_structure(long term) {
-  return pelm_term_type(term) == PELM_STRUCTURE;
-}
-bool pelm_is_list_cell(long term) {
-  return PL_is_pair(term);
+  return PL_term_type(term) == PL_TERM;
 }
 bool pelm_is_var(long term) {
   return PL_is_variable(term);
-}
-bool pelm_is_acyclic(long term) {
-  return PL_is_acyclic(term);
 }
 
 int32_t pelm_get_integer(long term) {
@@ -537,14 +492,6 @@ int32_t pelm_get_integer(long term) {
     return 0;
   }
   return static_cast<int32_t>(v);
-}
-
-double pelm_get_float(long term) {
-  double v = 0.0;
-  if (!PL_get_float(term, &v)) {
-    return 0.0;
-  }
-  return v;
 }
 
 bool pelm_get_number(long term, double* value) {
@@ -811,32 +758,28 @@ void pelm_must_be_list(long term) {
   }
 }
 
-void pelm_must_be_atom(long term) {
+void pelm_wrong_type(const char* type, long term) {
   if (PL_is_variable(term)) {
     pelm_instantiation_error();
   }
+  pelm_type_error(type, term);
+}
+
+void pelm_must_be_atom(long term) {
   if (!PL_is_atom(term)) {
-    pelm_type_error("atom", term);
+    pelm_wrong_type("atom", term);
   }
 }
 
 int64_t pelm_must_be_integer(long term) {
-  if (PL_is_variable(term)) {
-    pelm_instantiation_error();
-  }
   int64_t v = 0;
   if (!PL_is_integer(term)) {
-    pelm_type_error("integer", term);
+    pelm_wrong_type("integer", term);
   }
   if (!PL_get_int64(term, &v)) {
     pelm_representation_error("int64_t");
   }
   return v;
-}
-
-PelmAtomId pelm_atom_id(long term) {
-  atom_t a;
-  return PL_get_atom(term, &a) ? a : 0;
 }
 
 PelmFunctorId pelm_functor_id(long term) {
@@ -885,11 +828,7 @@ long PelmTermTable::copy(long term) {
 
 long PelmTermTable::arg(long term, int i) {
   term_t slot = PL_new_term_ref();
-  return getArg(term, i, slot) ? static_cast<long>(slot) : 0;
-}
-
-bool PelmTermTable::getArg(long term, int i, long slot) {
-  return i >= 1 && PL_get_arg(i, term, slot);
+  return i >= 1 && PL_get_arg(i, term, slot) ? static_cast<long>(slot) : 0;
 }
 
 long PelmTermTable::mark() {
@@ -961,10 +900,6 @@ bool PelmListWalk::next() {
 
 // ---- Atom handles -----------------------------------------------------------
 
-PELM_atom::PELM_atom(uintptr_t atom) : atom_(atom) {
-  PL_register_atom(atom_);
-}
-
 PELM_atom::PELM_atom(long term) : atom_(0) {
   pelm_must_be_atom(term);
   atom_t a;
@@ -979,15 +914,6 @@ PELM_atom::~PELM_atom() {
   PL_unregister_atom(atom_);
 }
 
-void PELM_atom::set(long term) {
-  atom_t a;
-  if (PL_get_atom(term, &a)) {
-    PL_register_atom(a);
-    PL_unregister_atom(atom_);
-    atom_ = a;
-  }
-}
-
 std::string PELM_atom::text() const {
   return atom_text(atom_);
 }
@@ -999,16 +925,11 @@ long PelmMachine::argument(int n) const {
 }
 
 bool pelm_unify_float(long term, double value) {
-  return PL_unify_float(term, value) || deal_with_tr_overflow();
+  return PL_unify_float(term, value);
 }
 
 bool pelm_unify_integer(long term, long value) {
-  return PL_unify_int64(term, value) || deal_with_tr_overflow();
-}
-
-bool deal_with_tr_overflow() {
-  // A pending exception makes the caller's failure raise it.
-  return false;
+  return PL_unify_int64(term, value);
 }
 
 // ---- Managed objects ----------------------------------------------------------
@@ -1017,14 +938,8 @@ std::ostream& Collectable::Print(std::ostream& os) const {
   return os << '<' << type_name() << '>';
 }
 
-pelm_type::pelm_type(const char* name, PelmCreateFunction create, PelmInitCreateFunction initCreate,
-                     int flags, const pelm_type* parent)
-    : name_(name),
-      create_(create),
-      init_create_(initCreate),
-      flags_(flags),
-      parent_(parent),
-      type_id_(-1) {
+pelm_type::pelm_type(const char* name, PelmCreateFunction create, PelmInitCreateFunction initCreate)
+    : name_(name), create_(create), init_create_(initCreate), type_id_(-1) {
   constructed_types().push_back(this);
 }
 
@@ -1047,13 +962,10 @@ int PELMRegisterAllTypes() {
 }
 
 Collectable* PelmHeapLookup(long term, const char* typeName) {
-  if (PL_is_variable(term)) {
-    pelm_instantiation_error();
-  }
   void* data;
   PL_blob_t* type;
   if (!PL_get_blob(term, &data, nullptr, &type) || type != &g_handle_blob) {
-    pelm_type_error(typeName, term);
+    pelm_wrong_type(typeName, term);
   }
   auto* handle = static_cast<ObjectHandle*>(data);
   Collectable* c = g_heap[handle->index];
@@ -1061,25 +973,6 @@ Collectable* PelmHeapLookup(long term, const char* typeName) {
     pelm_existence_error(handle->type->name_.c_str(), term);
   }
   return c;
-}
-
-int PelmHeap::size() const {
-  return static_cast<int>(g_heap.size());
-}
-
-Collectable* PelmHeap::at(int index) const {
-  return g_heap[index];
-}
-
-bool PrologIDToInt(long term, int* id) {
-  *id = -1;
-  void* data;
-  PL_blob_t* type;
-  if (!PL_get_blob(term, &data, nullptr, &type) || type != &g_handle_blob) {
-    return false;
-  }
-  *id = static_cast<ObjectHandle*>(data)->index;
-  return true;
 }
 
 // ---- Loading ------------------------------------------------------------------

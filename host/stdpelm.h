@@ -10,16 +10,14 @@
 // lock handles its signals while it waits, so a time limit or Ctrl-C reaches
 // it; a call made from a signal handler while a call of the same thread is in
 // progress raises a permission error instead of entering the core twice. No
-// C++ exception leaves a call: PelmObjectCreationError and the standard
-// exceptions become Prolog exceptions, std::bad_alloc and std::length_error
-// resource_error(memory).
+// C++ exception leaves a call: the standard exceptions become Prolog
+// exceptions, std::bad_alloc and std::length_error resource_error(memory).
 #ifndef CPLOGIC_STDPELM_H
 #define CPLOGIC_STDPELM_H
 
 #include <cstddef>
 #include <cstdint>
 #include <iosfwd>
-#include <stdexcept>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -29,32 +27,15 @@
 // (PelmMachine::argument) or of a PelmTermTable. Access follows variable
 // bindings to the end of the chain, so every slot reads as dereferenced.
 
-enum PelmTermType {
-  PELM_VAR,
-  PELM_ATOM,  // an atom other than the empty list
-  PELM_NIL,   // the empty list
-  PELM_INTEGER,
-  PELM_FLOAT,
-  PELM_STRUCTURE,  // a compound term other than a list cell
-  PELM_LIST_CELL,
-  PELM_OTHER  // strings, big integers, rationals, blobs, dicts
-};
-
-PelmTermType pelm_term_type(long term);
 // An atom, the empty list included.
 bool pelm_is_atom(long term);
 // An integer that fits in 32 bits (the host's small integers).
 bool pelm_is_integer(long term);
-bool pelm_is_float(long term);
+// A compound term other than a list cell.
 bool pelm_is_structure(long term);
-bool pelm_is_list_cell(long term);
 bool pelm_is_var(long term);
-// False when the term contains a cycle.
-bool pelm_is_acyclic(long term);
 // REQUIRES: pelm_is_integer(term).
 int32_t pelm_get_integer(long term);
-// REQUIRES: pelm_is_float(term).
-double pelm_get_float(long term);
 // The value of any number (integer, rational or float) as a double; false for
 // any other term.
 bool pelm_get_number(long term, double* value);
@@ -84,9 +65,7 @@ std::string pelm_term_text(long term);
 typedef uintptr_t PelmAtomId;
 typedef uintptr_t PelmFunctorId;
 
-// REQUIRES: pelm_is_atom(term).
-PelmAtomId pelm_atom_id(long term);
-// REQUIRES: pelm_is_structure(term) or pelm_is_list_cell(term).
+// REQUIRES: pelm_is_structure(term), or the term is a list cell.
 PelmFunctorId pelm_functor_id(long term);
 std::string pelm_functor_name(PelmFunctorId functor);
 int pelm_functor_arity(PelmFunctorId functor);
@@ -105,7 +84,6 @@ class PelmAtomHolder {
   ~PelmAtomHolder();
 
   void hold(const std::vector<PelmAtomId>& atoms);
-  size_t size() const { return atoms_.size(); }
 
  private:
   std::unordered_set<PelmAtomId> atoms_;
@@ -125,9 +103,6 @@ class PelmTermTable {
   // A new slot holding argument i (from 1) of a structure, or 0 when the term
   // has no such argument.
   long arg(long term, int i);
-  // Puts argument i of a structure into an existing slot; false (slot
-  // unchanged) when there is no such argument.
-  bool getArg(long term, int i, long slot);
   // Slots taken after mark() are given back by release(mark).
   long mark();
   void release(long mark);
@@ -147,8 +122,6 @@ class PelmListWalk {
   bool next();
   // The current element. REQUIRES: the last next() returned true.
   long head() const { return head_; }
-  // How many elements the walk visits in all.
-  size_t length() const { return length_; }
 
  private:
   long cursor_;
@@ -159,22 +132,16 @@ class PelmListWalk {
 
 // ---- Atom handles ---------------------------------------------------------
 
-// The host's empty-list atom.
-extern uintptr_t nil_atom;
-
 // Holds a host atom alive for the life of the handle.
 class PELM_atom {
  public:
-  explicit PELM_atom(uintptr_t atom);
-  // Throws PelmObjectCreationError "PELM_atom:term is not an atom" unless the
-  // term is an atom.
+  // Throws instantiation_error or type_error(atom, Term) unless the term is
+  // an atom.
   explicit PELM_atom(long term);
   PELM_atom(const PELM_atom&) = delete;
   PELM_atom& operator=(const PELM_atom&) = delete;
   ~PELM_atom();
 
-  // Holds the term's atom instead. REQUIRES: pelm_is_atom(term).
-  void set(long term);
   std::string text() const;
 
  private:
@@ -196,28 +163,12 @@ class PelmMachine {
   int arity_;
 };
 
-// The machine of the call in progress; set by the module before it calls into
-// an object.
-extern PelmMachine* pelm_global_machine;
-
 // Unifies an output argument with a float or an integer: binds an unbound
-// variable, compares a bound number of the same kind, fails otherwise.
+// variable, compares a bound number of the same kind, fails otherwise. A
+// unification that fails for lack of space leaves SWI-Prolog's resource
+// error pending, which the failing call then raises.
 bool pelm_unify_float(long term, double value);
 bool pelm_unify_integer(long term, long value);
-// SWI-Prolog grows its trail itself; a unification that still fails for lack
-// of space leaves a resource error pending. True when that happened, so that
-// the call fails with the error.
-bool deal_with_tr_overflow();
-
-// Thrown by host operations, and by modules, when an object cannot be made.
-// The text goes into the Prolog exception; a culprit term, when given, makes
-// it a type error on that term.
-class PelmObjectCreationError : public std::runtime_error {
- public:
-  explicit PelmObjectCreationError(const std::string& text, long culprit = 0)
-      : std::runtime_error(text), culprit_(culprit) {}
-  long culprit_;  // slot of the offending term; 0 when none
-};
 
 // ---- Errors ---------------------------------------------------------------
 // The functions below build an ISO error term error(Formal, context(Name/Arity,
@@ -260,6 +211,9 @@ bool pelm_handle_signals();
 // Ends the call with the exception the host has pending, unchanged.
 [[noreturn]] void pelm_raise_pending();
 
+// The error for an argument that is not of its type: instantiation_error
+// when it is unbound, type_error(type, Term) otherwise.
+[[noreturn]] void pelm_wrong_type(const char* type, long term);
 // Throws instantiation_error for a partial list and type_error(list, Term)
 // for anything else that is not a proper list (a cyclic list included).
 void pelm_must_be_list(long term);
@@ -270,35 +224,26 @@ int64_t pelm_must_be_integer(long term);
 
 // ---- Managed objects ------------------------------------------------------
 
-class pelm_type;
-
 // Base class of the objects that live in the host heap. The host constructs
-// them in slots of PELM_SLOT_SIZE bytes and destroys them when Prolog no
-// longer refers to them, unless NeededByC().
+// them in slots of PELM_SLOT_SIZE bytes and destroys them once Prolog no
+// longer refers to them.
 class Collectable {
  public:
   Collectable() = default;
   Collectable(const Collectable&) = delete;
   Collectable& operator=(const Collectable&) = delete;
+  virtual ~Collectable() = default;
 
-  virtual bool NeededByC() const { return false; }
-  virtual bool is_type(const pelm_type*) const { return false; }
   virtual const char* type_name() const { return "collectable"; }
-  virtual int type_id() const { return -1; }
   // Releases what the object holds; the object stays in the heap, no longer
   // live.
   virtual void do_free() {}
   // False once freed: the object's handle then names nothing.
   virtual bool live() const { return true; }
-  virtual int IncRefCount() { return 0; }
-  virtual int DecRefCount() { return 0; }
   virtual std::ostream& Print(std::ostream& os) const;
-  // Takes over the state of the live heap object id; 1 on success, 0 when
-  // the object is of another class.
-  virtual int Copy(int) { return 0; }
-  virtual std::ostream& Write(std::ostream& os) const { return os; }
-  virtual std::istream& Read(std::istream& is) { return is; }
-  virtual ~Collectable() = default;
+  // Takes over the state of the live object source; false when source is of
+  // another class.
+  virtual bool Copy(const Collectable&) { return false; }
 };
 
 constexpr size_t PELM_SLOT_SIZE = 64;
@@ -312,8 +257,7 @@ typedef int (*PelmInitCreateFunction)(Collectable* slot, long initTerm);
 // with the host by PELMRegisterAllTypes().
 class pelm_type {
  public:
-  pelm_type(const char* name, PelmCreateFunction create, PelmInitCreateFunction initCreate,
-            int flags, const pelm_type* parent);
+  pelm_type(const char* name, PelmCreateFunction create, PelmInitCreateFunction initCreate);
   pelm_type(const pelm_type&) = delete;
   pelm_type& operator=(const pelm_type&) = delete;
   ~pelm_type();
@@ -321,37 +265,19 @@ class pelm_type {
   std::string name_;
   PelmCreateFunction create_;
   PelmInitCreateFunction init_create_;
-  int flags_;
-  const pelm_type* parent_;  // not owned
-  int type_id_;              // assigned at registration; -1 before
+  int type_id_;  // assigned at registration; -1 before
 };
 
 // Registers every pelm_type constructed so far; returns 1.
 int PELMRegisterAllTypes();
 
-// The heap of managed objects. An index is given to a new object only once
-// the handle of the object that had it has been collected: no term can name
-// the old object any more, so a handle never reaches another object.
-class PelmHeap {
- public:
-  int size() const;
-  // The collectable at index, or null when the slot is empty.
-  // REQUIRES: 0 <= index < size().
-  Collectable* at(int index) const;
-};
-
-extern PelmHeap the_pelm_heap;
-
-// The heap index named by an object-ID term: only the handle that pelm_new
-// returned names an object, never a number, so an object is reached only by
-// whoever holds its handle and garbage collection sees every holder. False,
-// with *id = -1, for any other term.
-bool PrologIDToInt(long term, int* id);
-
-// The live collectable an object-ID term names. Throws instantiation_error
-// for an unbound term, type_error(Type, Term) for a term that is not an
-// object handle, and existence_error(Type, Term) for the handle of an object
-// that was freed, Type being typeName (or the handle's own type).
+// The live collectable an object-ID term names. Only the handle that
+// pelm_new returned names an object, never a number, so an object is reached
+// only by whoever holds its handle and garbage collection sees every holder.
+// Throws instantiation_error for an unbound term, type_error(Type, Term) for
+// a term that is not an object handle, and existence_error(Type, Term) for
+// the handle of an object that was freed, Type being typeName (or the
+// handle's own type).
 Collectable* PelmHeapLookup(long term, const char* typeName = "pelm_object");
 
 // ---- Loading --------------------------------------------------------------

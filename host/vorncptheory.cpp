@@ -1,3 +1,5 @@
+// The theory object's methods: reading events and evidence from Prolog
+// terms, the keys and names of ground terms, and the files it writes.
 #include "vorncptheory.h"
 
 #include <cerrno>
@@ -12,6 +14,29 @@ namespace {
 
 // A head may round to a little over 1; more is a mistake in the program.
 const double kHeadSumTolerance = 1e-9;
+
+// Deeper terms are refused; list cells count as one level (stdpelm.h).
+constexpr int kMaxTermDepth = 10000;
+
+// The key of a ground term: equal keys exactly for identical terms (==), so
+// that 'p(1)' and p(1), 1 and 1.0, "a" and a are told apart. Keys are
+// prefix-free: the keys of several terms written one after the other are the
+// key of the sequence. Throws the Prolog error that names a refused term
+// (unbound, cyclic, too deep, a blob or a dict). The atoms in the key are
+// appended to *atoms when it is not null; a key kept beyond the call needs
+// them held (PelmAtomHolder).
+std::string termKey(long term, std::vector<PelmAtomId>* atoms = nullptr) {
+  std::string key;
+  pelm_term_key(term, kMaxTermDepth, &key, atoms);
+  return key;
+}
+
+// The name under which a term's atom is registered in the theory: the term as
+// quoted Prolog text, so that saved theories read back and distinct terms get
+// distinct names.
+std::string termName(long term) {
+  return pelm_term_text(term);
+}
 
 // Calls f on each element of a proper list; slots taken by f are given back
 // after each element, so that long lists need no more slots than short ones.
@@ -29,23 +54,17 @@ void forEachElement(long list, PelmTermTable& table, F f) {
 // Argument i of a compound of the given arity; throws the Prolog error that
 // names the term (as a type_error(type, Term)) for any other term.
 long argumentOf(long term, int i, int arity, const char* type, PelmTermTable& table) {
-  if (pelm_is_var(term)) {
-    pelm_instantiation_error();
-  }
   if (!pelm_is_structure(term) || pelm_functor_arity(pelm_functor_id(term)) != arity) {
-    pelm_type_error(type, term);
+    pelm_wrong_type(type, term);
   }
   return table.arg(term, i);
 }
 
 // A head probability: a number in [0, 1], integers and rationals included.
 double probabilityOf(long term) {
-  if (pelm_is_var(term)) {
-    pelm_instantiation_error();
-  }
   double p = 0.0;
   if (!pelm_get_number(term, &p)) {
-    pelm_type_error("probability", term);
+    pelm_wrong_type("probability", term);
   }
   if (!(p >= 0.0 && p <= 1.0)) {  // NaN fails both
     pelm_domain_error("probability", term);

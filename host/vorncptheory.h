@@ -18,7 +18,6 @@
 
 #include "cptheory.h"
 #include "stdpelm.h"
-#include "vorncptheoryterm.h"
 
 // The functor \+/1 of negated body literals; set once when the module loads.
 extern PelmFunctorId g_global_not;
