@@ -85,6 +85,8 @@ int withTheory(PelmMachine* machine, Method method, const CallOptions& options =
     pelm_resource_error("table_entries", tableTooLargeMessage(e));
   } catch (const QueryInterrupted&) {
     pelm_raise_pending();
+  } catch (const ProbabilityUnderflow& e) {
+    pelm_evaluation_error("underflow", e.what());
   } catch (const CyclicTheory& e) {
     pelm_cplogic_error_names("cycle", e.atoms_, "theory");
   }

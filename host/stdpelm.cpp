@@ -703,6 +703,12 @@ void pelm_representation_error(const char* what, const std::string& message) {
   throw_error(formal, message);
 }
 
+void pelm_evaluation_error(const char* what, const std::string& message) {
+  term_t formal = PL_new_term_ref();
+  check(PL_unify_term(formal, PL_FUNCTOR_CHARS, "evaluation_error", 1, PL_CHARS, what));
+  throw_error(formal, message);
+}
+
 void pelm_cplogic_error(const char* name, long culprit, const char* where) {
   term_t formal = PL_new_term_ref();
   check(PL_unify_term(formal, PL_FUNCTOR_CHARS, "cplogic_error", 2, PL_FUNCTOR_CHARS, name, 1,

@@ -193,6 +193,8 @@ class PelmError : public std::exception {
 [[noreturn]] void pelm_permission_error(const char* action, const char* type, long culprit,
                                         const std::string& message = "");
 [[noreturn]] void pelm_representation_error(const char* what, const std::string& message = "");
+// error(evaluation_error(What), Context), as arithmetic raises it.
+[[noreturn]] void pelm_evaluation_error(const char* what, const std::string& message);
 // error(cplogic_error(Name(Culprit), Where), Context): the module's own errors.
 [[noreturn]] void pelm_cplogic_error(const char* name, long culprit, const char* where);
 // The same with a list of the atoms named (their display texts) as culprit.

@@ -25,7 +25,8 @@ TableTooLarge::TableTooLarge(std::size_t entries, std::size_t limit)
 QueryInterrupted::QueryInterrupted() : std::runtime_error("query interrupted") {}
 
 ProbabilityUnderflow::ProbabilityUnderflow()
-    : std::runtime_error("the probabilities fall below the range of double precision") {}
+    : std::runtime_error(
+          "every probability of the answer is below the smallest normal double (about 2.2e-308)") {}
 
 ScopedQueryLimits::ScopedQueryLimits(const QueryLimits& limits) : previous_(g_limits) {
   g_limits = &limits;
