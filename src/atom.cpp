@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <cassert>
+#include <chrono>
 #include <cstdlib>
 #include <iostream>
+#include <random>
 #include <sstream>
 
 #include "cpevent.h"
@@ -276,7 +278,22 @@ std::string AtomBodyOps::str(const AtomBody& body) {
   return os.str();
 }
 
+namespace {
+
+std::mt19937& generator() {
+  thread_local std::mt19937 g(
+      static_cast<uint32_t>(std::chrono::steady_clock::now().time_since_epoch().count()));
+  return g;
+}
+
+}  // namespace
+
 int randomNumber(int n) {
-  int r = static_cast<int>(rand() * 4.656613e-10f * (n + 1));
+  const int32_t draw = static_cast<int32_t>(generator()() >> 1);  // 0 .. 2^31 - 1
+  int r = static_cast<int>(draw * 4.656613e-10f * (n + 1));
   return r > n ? 0 : r;
+}
+
+void seedRandom(uint32_t seed) {
+  generator().seed(seed);
 }

@@ -119,7 +119,12 @@ struct AtomBodyOps {
   static std::string str(const AtomBody& body);
 };
 
-// Pseudo-random integer in 0..n from rand(); a draw above n gives 0.
+// Pseudo-random integer in 0..n from the core's own generator (a draw in
+// 0 .. 2^31 - 1 scaled by 2^-31 (n + 1)); a result above n gives 0. The core
+// never touches the C library's rand(), which belongs to its host.
 int randomNumber(int n);
+// Restarts this thread's generator at seed, so that draws repeat. Unseeded,
+// a thread's generator starts from the clock.
+void seedRandom(uint32_t seed);
 
 #endif

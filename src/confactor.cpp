@@ -5,7 +5,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
-#include <ctime>
 #include <exception>
 #include <iostream>
 #include <memory>
@@ -611,7 +610,6 @@ void Confactor::fillCPTAtRandom() {
   }
   const size_t k = child.count_;
   const size_t s = child.block_;
-  srand(time(0));
   // Totals per child value over the whole table, not per parent configuration.
   std::vector<long> totals(k, 0);
   for (size_t i = 0; i < values_.size(); ++i) {

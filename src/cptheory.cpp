@@ -5,7 +5,6 @@
 #include <cfenv>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <iostream>
 #include <limits>
 #include <memory>
@@ -210,7 +209,6 @@ void CPTheory::compile() {
   max_rank_ = 0;
   for (const auto& entry : atoms_)
     max_rank_ = std::max(max_rank_, entry.second->rank_);
-  srand(static_cast<unsigned>(time(0)));
   needs_update_ = false;
 }
 
