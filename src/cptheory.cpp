@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cassert>
 #include <cfenv>
-#include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <limits>
@@ -24,18 +23,6 @@ int choiceValueOf(Atom* choice, Atom* curAtom) {
   int position = choice->event_->headAtomPosition(*curAtom);
   assert(position >= 0);
   return position + 1;
-}
-
-// name inside a double-quoted label: atom names are Prolog text and may hold
-// quotes and backslashes.
-std::string quotedLabel(const std::string& name) {
-  std::string out;
-  for (char ch : name) {
-    if (ch == '"' || ch == '\\')
-      out += '\\';
-    out += ch;
-  }
-  return out;
 }
 
 // A confactor over a alone (for-atom a) holding values.
@@ -551,153 +538,4 @@ void CPTheory::queryAtomNodeAsTree(Atom* a, CVE* engine, const AtomBody& evidenc
   // only in their context can leave a value of that cause without any
   // confactor when it is eliminated, which the complete set does not allow.
   engine->addFactor(mergeIntoTable(list));
-}
-
-// ---------------------------------------------------------------------------
-// Text forms.
-
-std::string CPTheory::str(bool nameOnly) const {
-  if (nameOnly)
-    return name_;
-  std::ostringstream os;
-  for (const CPEvent* event : events_)
-    os << event->str();
-  return os.str();
-}
-
-std::ostream& operator<<(std::ostream& os, const CPTheory& theory) {
-  return os << theory.str(false);
-}
-
-std::string CPTheory::strRanking() const {
-  std::ostringstream os;
-  os << "RANKING: " << std::endl;
-  for (const auto& entry : atoms_)
-    os << entry.second->name_ << "-" << entry.second->rank_ << std::endl;
-  os << std::endl;
-  return os.str();
-}
-
-void CPTheory::printStatus() const {
-  std::cout << "Status of " << name_ << ":" << std::endl;
-  std::cout << "Nb of events: " << static_cast<unsigned>(events_.size()) << std::endl;
-}
-
-void CPTheory::printBetas() const {
-  for (const CPEvent* event : events_) {
-    event->printBeta();
-    std::string text = event->str();
-    std::fflush(stdout);
-    std::printf(" -%s-> %s\n", event->getAtomRepresentation()->name_.c_str(), text.c_str());
-  }
-  std::fflush(stdout);
-}
-
-std::string CPTheory::cppCode() const {
-  std::ostringstream os;
-  os << "void test" << name_ << "()\n";
-  os << "{\n";
-  os << "CPTheory* cpt = new CPTheory(\"" << name_ << "\");\n";
-  os << "AtomHead head;\n";
-  os << "AtomBody body;\n";
-  os << "\n";
-  os << "// Atoms\n";
-  for (const auto& entry : atoms_) {
-    const Atom* atom = entry.second;
-    if (atom->event_ != nullptr)
-      continue;
-    os << "Atom* " << atom->name_ << " = cpt->addAtom(\"" << atom->name_ << "\");\n";
-  }
-  os << "\n";
-  for (const CPEvent* event : events_)
-    os << "// CP-event\n" << event->cppCode();
-  os << "\n";
-  os << "cout << *cpt;\n";
-  os << "cpt->compile();\n";
-  os << "cout << *cpt;\n";
-  return os.str();
-}
-
-std::string CPTheory::strHuginNet(Atom* query) {
-  bool savedTables = use_tables_;
-  use_tables_ = true;
-  CVE* engine = createCVE(query);
-  std::ostringstream nodes;
-  std::ostringstream potentials;
-  auto write = [&](Atom* atom) {
-    nodes << "node " << atom->name_ << "\n{\n";
-    nodes << "\tstates = (";
-    for (unsigned v = 0; v < atom->domainsize_; ++v)
-      nodes << "\"" << v << "\" ";
-    nodes << ");\n";
-    nodes << "\tlabel = \"" << quotedLabel(atom->name_) << "\";\n";
-    nodes << "}\n";
-    std::vector<Confactor*>* tables = engine->getFactorsFor(atom);
-    for (Confactor* f : *tables)
-      potentials << "\n" << f->strHuginNet() << "\n";
-    delete tables;
-  };
-  for (const auto& entry : atoms_)
-    write(entry.second);
-  // The chains that the query's disjunctions and conjunctions go through.
-  for (const auto& atom : engine->auxiliary_atoms_)
-    write(atom.get());
-  use_tables_ = savedTables;
-  delete engine;
-  return nodes.str() + "\n" + potentials.str();
-}
-
-std::string CPTheory::strHuginNet(Atom* query, AtomBody*) {
-  return strHuginNet(query);
-}
-
-std::string CPTheory::strGraphviz(bool compact) {
-  compile();
-  std::ostringstream os;
-  os << "digraph \""
-     << "cptheory"
-     << "\" {\n";
-  os << "\tedge [style=\"setlinewidth(3)\", arrowsize=1.5];\n";
-  for (const auto& entry : atoms_) {
-    const Atom* atom = entry.second;
-    if (atom->prime_)
-      continue;
-    os << "\t" << atom->id_;
-    if (compact) {
-      if (atom->event_ != nullptr)
-        os << " [label=\"\", height=0.4, width=0.4, color=black, style=filled];\n";
-      else
-        os << " [label=\"\", height=0.4, width=0.4];\n";
-      continue;
-    }
-    os << " [label=\"";
-    if (atom->atomp_ != nullptr) {
-      const Atom* prime = atom->atomp_;
-      os << quotedLabel(prime->name_) << " (" << prime->weight_ << "," << prime->rank_ << ")\\n";
-    }
-    os << quotedLabel(atom->name_) << " (" << atom->weight_ << "," << atom->rank_ << ")\"";
-    if (use_confactors_ && atom->isMultFactorizable())
-      os << ", shape=box";
-    os << "];\n";
-  }
-  for (const auto& entry : atoms_) {
-    const Atom* atom = entry.second;
-    if (atom->prime_)
-      continue;
-    for (const Atom* parent : atom->in_)
-      os << "\t" << parent->id_ << " -> " << atom->id_ << ";\n";
-  }
-  if (!compact) {
-    os << "\tsubgraph cluster0 {\n";
-    os << "\t\tnode [fontsize = 8, height = 0.2];\n";
-    os << "\t\tfontsize = 10;\n";
-    os << "\t\tlabel = \"legend\";\n";
-    os << "\t\tstyle = filled;\n";
-    os << "\t\tcolor = grey;\n";
-    os << "\t\tl1 [label=\"Mult Fact Variable\", shape=box];\n";
-    os << "\t\tl2 [label=\"Variable\"];\n";
-    os << "\t}\n";
-  }
-  os << "}\n";
-  return os.str();
 }

@@ -133,7 +133,7 @@ class CPTheory : public ConfactorNetworkBase {
   // The deterministic OR of a's causes as one complete table.
   void queryAtomNodeAsTree(Atom* a, CVE* engine, const AtomBody& evidence);
 
-  // --- Text forms. ---
+  // --- Text forms (src/cptheorytext.cpp). ---
   // The name alone, or every event as rules.
   std::string str(bool nameOnly) const;
   std::string strRanking() const;
@@ -143,7 +143,6 @@ class CPTheory : public ConfactorNetworkBase {
   std::string cppCode() const;
   // A Hugin network of the confactors relevant to query, as complete tables.
   std::string strHuginNet(Atom* query);
-  std::string strHuginNet(Atom* query, AtomBody* observations);
   // A Graphviz digraph of the atoms; compiles first when needed.
   std::string strGraphviz(bool compact);
 
