@@ -1,3 +1,6 @@
+// CP-logic theories against a reference that enumerates the rules' choices:
+// random theories and hand-worked numbers under every method and variant,
+// queries stopped by their limits, and the Graphviz and Hugin outputs.
 #include "cptheory.h"
 
 #include <gtest/gtest.h>

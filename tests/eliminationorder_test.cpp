@@ -1,3 +1,5 @@
+// The greedy (min-fill) elimination order against a naive min-fill and, on
+// graphs too large for it, against orders without fill.
 #include "eliminationorder.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+% Helpers shared by the plunit tests, and the reference semantics of ground
+% programs that the random tests compare the library with.
 :- module(test_support,
           [ alarm_theory/1,      % -Theory
             add_events/2,        % +Theory, +Events
@@ -129,9 +131,10 @@ reference_worlds(Rules, Worlds) :-
     findall(L, member(rule(L, _, _), Rules), Levels0),
     sort(Levels0, Levels),
     findall(A-L, ( member(rule(L, Heads, _), Rules), member(A-_, Heads) ), Headed0),
-    sort(0, @>=, Headed0, Headed1),
+    sort(0, @>=, Headed0, Headed1),         % each atom's highest level first
+    empty_assoc(Empty),
     foldl([A-L, T0, T]>>( get_assoc(A, T0, _) -> T = T0 ; put_assoc(A, T0, L, T) ),
-          Headed1, t, Top),                 % each atom's highest level
+          Headed1, Empty, Top),
     foldl(settle(Rules, Top), Levels, [[]-1.0], Worlds).
 
 settle(Rules, Top, L, Worlds0, Worlds) :-
