@@ -1,7 +1,7 @@
 // Confactor tests: the algebra against a dense reference that expands a
 // confactor into a full table over a small world of atoms (NaN where it does
-// not hold), plus hand-worked cases for the documented shortcuts, the text
-// forms and the messages.
+// not hold), plus hand-worked cases for the documented shortcuts, the table
+// layout and the context operations.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -322,58 +322,15 @@ TEST(ConfactorAlgebra, ReshapingMatchesDenseReference) {
   }
 }
 
-TEST(ConfactorAlgebra, MergeWithTakesOneSliceFromEachSide) {
-  Random r(5);
-  for (int round = 0; round < 200; ++round) {
-    World w;
-    r.world(w, 3, round % 2);
-    auto c = r.confactor(w);
-    Atom* y = w.add(2, int(r.below(40)) * 2);  // mergeWith requires two values
-    auto other = std::make_unique<Confactor>(*c);
-    for (double& v : other->values_)
-      v = r.below(100);
-    Dense dc = expand(*c, w), dother = expand(*other, w);
-    int value = r.below(2);
-    ASSERT_TRUE(c->isMergeable(other.get()));
-    ASSERT_TRUE(c->mergeWith(other.get(), y, value));
-    Dense want(dc.size());
-    for (size_t k = 0; k < want.size(); ++k)
-      want[k] = int(w.decode(k)[3]) == value ? dc[k] : dother[k];
-    expectSame(expand(*c, w), want, "merged");
-    EXPECT_FALSE(c->mergeWith(other.get(), y, value));
-  }
-}
-
-TEST(ConfactorAlgebra, DeliberateShortcutsOnHandWorkedCases) {
+// The product's shifted domain, a deliberate shortcut: the restricted operand
+// {1,2} has m = 0, so its value at x = 1 serves both slices.
+TEST(ConfactorAlgebra, ShiftedProductDomainOnAHandWorkedCase) {
   World w;
   Atom* x = w.add(3, 1);
-  Atom* y = w.add(2, 2);
-  // Shifted product domain: the restricted operand {1,2} has m = 0, so its
-  // value at x = 1 serves both slices.
   auto full = make({{x, 7, ADS_TABLE}}, {2, 3, 5});
   auto part = make({{x, 6, ADS_CONTEXT | ADS_TABLE}}, {7, 11});
   Confactor p(full.get(), part.get(), nullptr, 0, -1);
   EXPECT_EQ(p.values_, (std::vector<double>{21, 35}));
-  // Widening to a non-prefix domain, {1} to {1,2}: the bit walk knows only
-  // values 0 and 1, so the old slices end up behind the fill.
-  auto g = make({{x, 2, ADS_CONTEXT | ADS_TABLE}, {y, 3, ADS_TABLE}}, {4, 6});
-  g->growAtom(x, 6, 0);
-  EXPECT_EQ(g->values_, (std::vector<double>{0, 0, 4, 6}));
-  // removeAtom of a table atom also erases the entry after it.
-  World w2;
-  Atom *a = w2.add(2, 1), *b = w2.add(2, 2), *c = w2.add(2, 3);
-  (void)b;
-  auto rm = make({{a, 3, ADS_TABLE}, {b, 3, ADS_TABLE}, {c, 1, ADS_CONTEXT}}, {1, 2, 3, 4});
-  rm->removeAtom(a, -1);
-  ASSERT_EQ(rm->atoms_.size(), 1u);
-  EXPECT_EQ(rm->atoms_[0]->atom_, c);
-  EXPECT_EQ(rm->values_, (std::vector<double>{3}));
-  // With more than two values other's table is reread for each other slice.
-  auto m1 = make({{y, 3, ADS_TABLE}}, {1, 2});
-  auto m2 = make({{y, 3, ADS_TABLE}}, {5, 6});
-  Atom* z = w.add(3, 5);
-  ASSERT_TRUE(m1->mergeWith(m2.get(), z, 1));
-  EXPECT_EQ(m1->values_, (std::vector<double>{5, 6, 1, 2, 5, 6}));
 }
 
 TEST(ConfactorLayout, SetValueAndGetValueAgreeWithWildcards) {
@@ -389,8 +346,7 @@ TEST(ConfactorLayout, SetValueAndGetValueAgreeWithWildcards) {
   EXPECT_EQ(f->getValue({2, 3, 1}, -1), 7.0);  // in atoms_ order b, c, a
   EXPECT_EQ(f->getPos({2, 1, 1}), -1);         // c = 1 lies outside the context
   EXPECT_EQ(f->getValue({2, 1, 1}, -5), -5);
-  EXPECT_EQ(f->atoms_[1]->getDomainValue(), 3);  // the highest value
-  AtomDomStruct again(c, 1, ADS_CONTEXT);        // an atom is entered once
+  AtomDomStruct again(c, 1, ADS_CONTEXT);  // an atom is entered once
   auto entered = f->atoms_.insert(&again);
   EXPECT_TRUE(!entered.second && (*entered.first)->domain_ == 13);
   f->atoms_[1]->setForAtom(true);
@@ -412,11 +368,8 @@ TEST(ConfactorContexts, CompatibilityTestsAndContextEditing) {
   auto f = make({{a, 3, ADS_CONTEXT}, {b, 3, ADS_TABLE}, {c, 2, ADS_CONTEXT}}, {});
   auto g = make({{a, 6, ADS_CONTEXT}, {c, 2, ADS_CONTEXT | ADS_FORATOM}}, {});
   auto h = make({{a, 4, ADS_CONTEXT}}, {});
-  EXPECT_FALSE(f->isCompatible(*g));  // a: {0,1} vs {1,2}
-  EXPECT_TRUE(f->isCompatibleOrOverlapping(*g));
+  EXPECT_TRUE(f->isCompatibleOrOverlapping(*g));  // a: {0,1} meets {1,2}
   EXPECT_FALSE(f->isCompatibleOrOverlapping(*h));
-  EXPECT_FALSE(f->constraintApplies(*h));
-  EXPECT_TRUE(h->constraintApplies(*g));  // {2} meets {1,2}
   auto e = std::make_unique<Confactor>(*f);
   e->excludeAtomsNotInOrNotEqual(*g);  // a's domain, b's absence, c's roles differ
   EXPECT_TRUE(e->atoms_.empty());
@@ -430,35 +383,6 @@ TEST(ConfactorContexts, CompatibilityTestsAndContextEditing) {
   EXPECT_EQ(e->str("", true), "a={011|C}, b={11|T}, *c={01|C}, \n");
   e->removePureContextAtoms();
   EXPECT_EQ(e->str("", true), "b={11|T}, \n");
-}
-
-TEST(ConfactorText, InvariantMessages) {
-  World w;
-  Atom* a = w.add(2, 1);
-  auto f = make({{a, 3, ADS_TABLE}}, {0.5, 0.5});
-  f->values_.resize(4, 0.0);
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(f->checkInvariant());
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "FAILED INVARIANT: table size not consistent with atoms\n");
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(Confactor(0.5).str("  "), "  \n  0.5\n  BREAKS INVARIANT\n");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "POSSIBLE FAILED INVARIANT: sum not an integer (0.5,-0.5)\n");
-}
-
-TEST(ConfactorTable, RandomCptIsNormalisedPerChildValue) {
-  World w;
-  Atom *child = w.add(3, 2), *parent = w.add(2, 1);
-  std::vector<Atom*> atoms{child, parent};
-  Confactor f(atoms, child, 0.0);
-  f.fillCPTAtRandom();
-  ASSERT_EQ(f.values_.size(), 6u);  // parent fastest: child value of k is k / 2
-  for (int j = 0; j < 3; ++j)
-    EXPECT_NEAR(f.values_[2 * j] + f.values_[2 * j + 1], 1.0, 1e-9);
-  Confactor z(atoms, child, 0.0);
-  z.normalize();
-  EXPECT_TRUE(z.allZeros());
 }
 
 TEST(ConfactorTable, EventFoldingAndRestriction) {
@@ -476,16 +400,11 @@ TEST(ConfactorTable, EventFoldingAndRestriction) {
   EXPECT_EQ(f0.values_, (std::vector<double>{0.5, 0.25, 0.25, 0.1, 0.2, 1.0}));
   EXPECT_TRUE(f0.isForAtom(*c) && !f0.isForAtom(*b));
   EXPECT_EQ(f0.hasAtom(*b), ADS_TABLE);
-  f0.increaseWeights(3);
-  f0.decreaseWeights(1);
-  EXPECT_EQ(b->weight_ + c->weight_, 4u);
-  f0.resetWeights();
-  EXPECT_EQ(b->weight_ + c->weight_, 0u);
   Confactor kept(f0);
-  kept.setAtom(b, 1, true);
+  kept.shrinkAtom(b, 2, true);
   EXPECT_EQ(kept.str("", true), "*c={111|T}, b={01|C}, \n");
   EXPECT_EQ(kept.values_, (std::vector<double>{0.1, 0.2, 1.0}));
-  kept.setAtom(c, 2, false);
+  kept.shrinkAtom(c, 4, false);
   EXPECT_EQ(kept.str(), "b={01|C},  (c)\n1\n");
   EXPECT_TRUE(kept.isRedundant(nullptr));
   b->rank_ = 1;  // re-ranked: the entries follow

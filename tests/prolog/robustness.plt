@@ -29,51 +29,21 @@ predicate(vorn_cp_theory_add_fo_event(_, 0, 2)).
 predicate(vorn_cp_theory_atom_in_table(_, hj(5), _)).
 
 % Fixed malformed values: one of each kind.
-fixed(_).
-fixed(1.5).
-fixed("string").
-fixed(-7).
-fixed(2147483648).
-fixed(123456789012345678901234567890).
-fixed(foo).
-fixed([]).
-fixed('').
-fixed(f(_)).
-fixed(f(1.5)).
-fixed([a|_]).
-fixed([a|b]).
+fixed(V) :-
+    member(V, [ _, 1.5, "string", -7, 2147483648, 123456789012345678901234567890, foo, [], '',
+                f(_), f(1.5), [a|_], [a|b], e(_), e([h(hj(6))], []), e([h(hj(6), 1)], []),
+                e([h(_, 0.5)], []), e([h(hj(6), "0.5")], []), e(foo, bar), e([foo], [1.5]),
+                e([h(hj(6), 0.5)], [\+ _]), e([h(hj(6), 0.5)], [\+]),
+                e([h(hj(6), 0.5)], [\+ f(1.5)]), ground(x, [], []), ground(0, foo, bar),
+                ground(99, [], []), ground(-1, [], []),
+                ground(0, [h(hj(8), 0.5)], [bj(8), bj(9)]), ground(0, [h(_, 0.5)], [bj(8)]),
+                [e(_, 1)], [e(hj(1), x)], [e(hj(1))], [1, 2, 3], \+ a, p([a|_]), p([a|b]), 'C3',
+                "s"-1, 1.0Inf, _{a:1} ]).
 fixed(X) :- X = f(X).
 fixed(L) :- L = [a|L].
 fixed(L) :- L = [e(hj(1), 1), e(bj(1), 0)|L].
 fixed(p(L)) :- L = [1, 2|L].
-fixed(e(_)).
-fixed(e([h(hj(6))], [])).
-fixed(e([h(hj(6), 1)], [])).
-fixed(e([h(_, 0.5)], [])).
-fixed(e([h(hj(6), "0.5")], [])).
-fixed(e(foo, bar)).
-fixed(e([foo], [1.5])).
-fixed(e([h(hj(6), 0.5)], [\+ _])).
-fixed(e([h(hj(6), 0.5)], [\+])).
-fixed(e([h(hj(6), 0.5)], [\+ f(1.5)])).
 fixed(e([h(hj(6), 0.5)|T], [])) :- T = [h(hj(7), 0.25)|T].
-fixed(ground(x, [], [])).
-fixed(ground(0, foo, bar)).
-fixed(ground(99, [], [])).
-fixed(ground(-1, [], [])).
-fixed(ground(0, [h(hj(8), 0.5)], [bj(8), bj(9)])).
-fixed(ground(0, [h(_, 0.5)], [bj(8)])).
-fixed([e(_, 1)]).
-fixed([e(hj(1), x)]).
-fixed([e(hj(1))]).
-fixed([1, 2, 3]).
-fixed(\+ a).
-fixed(p([a|_])).
-fixed(p([a|b])).
-fixed('C3').
-fixed("s"-1).
-fixed(1.0Inf).
-fixed(_{a:1}).
 fixed(L) :- length(L, 1000000), maplist(=(0.5), L).
 fixed(p(L)) :- numlist(1, 1000000, L).
 fixed(T) :- nested(100000, f, T).
