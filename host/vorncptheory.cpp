@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <map>
 #include <sstream>
 #include <string>
 
@@ -120,13 +121,23 @@ VornCPTheory::VornCPTheory() : CPTheory("") {}
 VornCPTheory::VornCPTheory(long) : VornCPTheory() {}
 
 void VornCPTheory::setSettings(long compileFlag, long ignored1, long conversion, long elimination,
-                               long ignored2) {
+                               long order) {
   bool compileBodies = pelm_must_be_integer(compileFlag) != 0;
   pelm_must_be_integer(ignored1);
   PELM_atom method(conversion);
   PELM_atom variant(elimination);
-  PELM_atom unused(ignored2);
-  CPTheory::setSettings(compileBodies, method.text(), variant.text());
+  // The last argument names a ranking heuristic; any other atom leaves each
+  // query its own greedy order.
+  static const std::map<std::string, WeightHeuristic> heuristics{
+      {"rank", kRankWeight},
+      {"degree", kDegreeWeight},
+      {"degree_d", kDegreeDWeight},
+      {"deficiency", kDeficiencyWeight},
+      {"weighted_cf", kWeightedCFWeight},
+      {"weighted_cfd", kWeightedCFDWeight}};
+  auto chosen = heuristics.find(PELM_atom(order).text());
+  CPTheory::setSettings(compileBodies, method.text(), variant.text(),
+                        chosen == heuristics.end() ? kGreedy : chosen->second);
 }
 
 void VornCPTheory::compile() {

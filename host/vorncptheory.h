@@ -46,9 +46,10 @@ class VornCPTheory : public CPTheory {
 
   // compileFlag != 0 compiles rule bodies into trees; conversion is "cf",
   // "tables", "cpts" or "cfme", elimination "cst" or "absorption" (other
-  // words: the defaults). The other two arguments are checked and ignored.
-  void setSettings(long compileFlag, long ignored1, long conversion, long elimination,
-                   long ignored2);
+  // words: the defaults). order names a ranking heuristic (rank, degree,
+  // degree_d, deficiency, weighted_cf, weighted_cfd); any other atom gives
+  // each query its own greedy order. ignored1 is checked and ignored.
+  void setSettings(long compileFlag, long ignored1, long conversion, long elimination, long order);
   void compile();
   // P(Query true | Evidence), Evidence a list of e(Atom, 1 | 0). Raises
   // contradictory_evidence(Evidence) when the evidence has probability 0.

@@ -9,22 +9,27 @@
 #include "cve.h"
 
 ConfactorNetworkBase::ConfactorNetworkBase()
-    : needs_update_(false), observations_(nullptr), weight_heuristic_(1), use_complete_set_(true) {}
+    : needs_update_(false),
+      observations_(nullptr),
+      weight_heuristic_(kDegreeWeight),
+      use_complete_set_(true) {}
 
 ConfactorNetworkBase::~ConfactorNetworkBase() {
   // A prime atom belongs to the atom it was created for, which may come first
   // in name order: decide which atoms to delete before deleting any.
   std::vector<Atom*> owned;
   for (auto& entry : atoms_) {
-    if (!entry.second->prime_) owned.push_back(entry.second);
+    if (!entry.second->prime_)
+      owned.push_back(entry.second);
   }
-  for (Atom* atom : owned) delete atom;
+  for (Atom* atom : owned)
+    delete atom;
 }
 
 void ConfactorNetworkBase::initAtom(Atom*) {}
 
 void ConfactorNetworkBase::init() {
-  weight_heuristic_ = 1;
+  weight_heuristic_ = kDegreeWeight;
   use_complete_set_ = true;
 }
 
@@ -75,25 +80,25 @@ std::vector<Atom*>* ConfactorNetworkBase::getTopologicalOrderedAtoms() {
 
 void ConfactorNetworkBase::applyWeightHeuristic(Atom* atom) {
   switch (weight_heuristic_) {
-    case 0:
+    case kRankWeight:
       atom->setWeightWithRank(false);
       break;
-    case 1:
+    case kDegreeWeight:
       atom->setWeightWithDegree(false);
       break;
-    case 2:
+    case kDegreeDWeight:
       atom->setWeightWithDegreeD(false);
       break;
-    case 3:
+    case kDeficiencyWeight:
       atom->setWeightWithDeficiency(false);
       break;
-    case 4:
+    case kWeightedCFWeight:
       atom->setWeightWithWeightedCF(false);
       break;
-    case 5:
+    case kWeightedCFDWeight:
       atom->setWeightWithWeightedCFD(false);
       break;
-    default:
+    case kGreedy:
       break;
   }
 }

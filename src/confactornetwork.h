@@ -9,6 +9,19 @@
 
 #include "atom.h"
 
+// How atoms are weighted as they are ranked (the Atom::setWeightWith...
+// functions), or, as kGreedy, that each query orders its eliminations by
+// min-fill over the confactors it needs and ranks with no weight function.
+enum WeightHeuristic : int32_t {
+  kRankWeight = 0,
+  kDegreeWeight = 1,
+  kDegreeDWeight = 2,
+  kDeficiencyWeight = 3,
+  kWeightedCFWeight = 4,
+  kWeightedCFDWeight = 5,
+  kGreedy = 6,
+};
+
 // Registry of a network's atoms by name; owns them. Ranks the atoms in
 // topological order refined by a weight heuristic.
 class ConfactorNetworkBase {
@@ -16,7 +29,7 @@ class ConfactorNetworkBase {
   bool needs_update_;                   // set when an atom or confactor is added
   std::map<std::string, Atom*> atoms_;  // by name; owned
   AtomBody* observations_;              // not owned
-  int weight_heuristic_;                // which Atom::setWeightWith... the ranking applies
+  WeightHeuristic weight_heuristic_;    // which Atom::setWeightWith... the ranking applies
   bool use_complete_set_;               // handed to every elimination engine
 
   ConfactorNetworkBase();

@@ -80,11 +80,11 @@ void CPTheory::setElimination(const std::string& elimination) {
 }
 
 void CPTheory::setSettings(bool compileBodies, const std::string& method,
-                           const std::string& elimination) {
+                           const std::string& elimination, WeightHeuristic heuristic) {
   compile_bodies_ = compileBodies;
   setMethod(method);
   setElimination(elimination);
-  weight_heuristic_ = kGreedyOrder;
+  weight_heuristic_ = heuristic;
 }
 
 CPEvent* CPTheory::addParsedEvent(AtomDoubles& head, std::vector<AtomValuePair<int>>& body) {
@@ -187,7 +187,7 @@ void CPTheory::compile() {
   }
   delete uncaused;
   checkAcyclic();
-  if (weight_heuristic_ >= 1 && weight_heuristic_ <= 5)
+  if (weight_heuristic_ != kRankWeight && weight_heuristic_ != kGreedy)
     linkSiblings();
   updateRanking();
   // Rules held while bodies were compiled stay held after the switch is
@@ -369,7 +369,7 @@ std::vector<double> CPTheory::jointProbabilitiesOf(Atom* q, const AtomBody& evid
   // first lets the engine free what it holds, then frees the rest.
   ConfactorScope scope;
   std::unique_ptr<CVE> engine(buildEngine(target, evidence));
-  if (weight_heuristic_ == kGreedyOrder || !engine->auxiliary_atoms_.empty())
+  if (weight_heuristic_ == kGreedy || !engine->auxiliary_atoms_.empty())
     orderGreedily(engine.get(), target);
   engine->query(target);
   std::unique_ptr<Confactor> joint(engine->createJoint());

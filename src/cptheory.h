@@ -47,9 +47,6 @@ class CPTheory : public ConfactorNetworkBase {
   int max_rank_;
   // Rule bodies whose atoms are not yet linked as siblings.
   std::vector<std::vector<Atom*>> unlinked_siblings_;
-  // The weight heuristic that orders each query's eliminations greedily
-  // (min-fill over the confactors the query needs) instead of by rank.
-  static const int kGreedyOrder = 6;
   // Events hold at most this many head atoms: a choice variable has one
   // value more, and domains hold 32 values.
   static const size_t kMaxEventHead = kMaxDomainSize - 1;
@@ -64,8 +61,10 @@ class CPTheory : public ConfactorNetworkBase {
   // "absorption", anything else the complete confactor set ("cst").
   void setMethod(const std::string& method);
   void setElimination(const std::string& elimination);
-  // Both words, the compile-bodies switch, and the greedy per-query order.
-  void setSettings(bool compileBodies, const std::string& method, const std::string& elimination);
+  // Both words, the compile-bodies switch, and the weight heuristic (by
+  // default each query's own greedy order).
+  void setSettings(bool compileBodies, const std::string& method, const std::string& elimination,
+                   WeightHeuristic heuristic = kGreedy);
 
   // Gives the rule to an event of its head that accepts it, or to a new
   // event; returns that event (owned by the theory). Atoms must be

@@ -72,7 +72,7 @@ std::map<std::string, int> ranks(ConfactorNetworkBase& net) {
 
 TEST(NetworkRanking, ReadySetHeaviestFirstTiesInInsertionOrder) {
   ConfactorNetworkBase net;
-  net.weight_heuristic_ = 1;
+  net.weight_heuristic_ = kDegreeWeight;
   std::map<std::string, Atom*> x;
   for (const char* name : {"a", "b", "z", "m", "n", "c"})
     x[name] = net.addAtom(name);

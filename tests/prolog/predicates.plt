@@ -139,6 +139,15 @@ test(conversion_methods) :-
              assertion(near(P, 0.1628))
            )).
 
+% The last argument picks a ranking heuristic by name; the answer stays.
+test(ranking_heuristics) :-
+    forall(member(H, [rank, degree, degree_d, deficiency, weighted_cf, weighted_cfd, greedy]),
+           ( alarm_theory(T),
+             vorn_cp_theory_set_settings(T, 1, 0, cf, cst, H),
+             cplogic_prob(T, alarm, [e(calls(john), 1)], P),
+             assertion(near(P, 0.756769320162696))
+           )).
+
 :- end_tests(settings).
 
 :- begin_tests(terms).
