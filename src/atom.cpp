@@ -30,10 +30,6 @@ Atom::~Atom() {
   delete atomp_;
 }
 
-void Atom::init() {
-  id_ = next_unique_id_++;
-}
-
 namespace {
 
 // Inserts a into the id-sorted vector; false when it was already there.
@@ -122,12 +118,6 @@ bool Atom::isLessDynamical(const Atom* b) const {
   if (weight_ != b->weight_)
     return weight_ < b->weight_;
   return rank_ < b->rank_;
-}
-
-bool Atom::isMoreDynamical(const Atom* b) const {
-  if (weight_ != b->weight_)
-    return weight_ > b->weight_;
-  return rank_ > b->rank_;
 }
 
 int Atom::setRank(int r) {

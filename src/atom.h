@@ -59,8 +59,6 @@ class Atom {
   Atom& operator=(const Atom&) = delete;
   ~Atom();
 
-  // Takes a fresh id; nothing else changes.
-  void init();
   void set_domainsize(unsigned int domainsize) { domainsize_ = domainsize; }
   // Pointer identity.
   bool isSame(const Atom* other) const { return this == other; }
@@ -82,7 +80,6 @@ class Atom {
   // REQUIRES: a ground atom has at least one parent.
   bool isMultFactorizable() const;
   bool isLessDynamical(const Atom* b) const;
-  bool isMoreDynamical(const Atom* b) const;
 
   // Assigns rank r (r to the prime and r + 1 to this atom when there is a
   // prime); returns how many ranks were used.

@@ -36,12 +36,6 @@ CompleteConfactorSetNodeBase::~CompleteConfactorSetNodeBase() {
   delete node_;
 }
 
-void CompleteConfactorSetNodeBase::mirror(CompleteConfactorSetNodeBase* other) {
-  parent_ = other->parent_;
-  node_ = other->node_;
-  leaf_ = other->leaf_;
-}
-
 CompleteConfactorSetNode::CompleteConfactorSetNode() : atom_(NULL) {}
 
 CompleteConfactorSetNode::~CompleteConfactorSetNode() {

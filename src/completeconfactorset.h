@@ -28,10 +28,6 @@ class CompleteConfactorSetNodeBase {
   CompleteConfactorSetNodeBase& operator=(const CompleteConfactorSetNodeBase&) = delete;
   // Destroys node_ and the positions below it, never a leaf.
   ~CompleteConfactorSetNodeBase();
-
-  // Shallow copy of all three fields; nothing is duplicated, so afterwards
-  // only one of the two positions may keep node_.
-  void mirror(CompleteConfactorSetNodeBase* other);
 };
 
 // Short name used in the set's assertion texts.

@@ -158,16 +158,6 @@ void AtomDomStruct::setForAtom(bool on) {
   }
 }
 
-int AtomDomStruct::getDomainValue() const {
-  int v = 0;
-  for (int bit = 0; bit < 32; ++bit) {
-    if (domain_ & (1u << bit)) {
-      v = bit;
-    }
-  }
-  return v;
-}
-
 bool AtomDomStruct::sameDomain(const AtomDomStruct& other) const {
   uint32_t mask = fullMask();
   return (domain_ & mask) == (other.domain_ & mask);
@@ -335,8 +325,6 @@ Confactor* productOfCompleteTables(const std::vector<Confactor*>& confactors) {
 
 int32_t Confactor::next_unique_id_ = 0;
 std::vector<unsigned> Confactor::i_value;
-std::vector<unsigned> Confactor::i_value_start;
-
 Confactor::Confactor(double v) : values_(1, v), id_(next_unique_id_++) {
   updateSize(1.0);
 }
@@ -478,10 +466,6 @@ void Confactor::setValue(const AtomBody& indices, double v) {
   }
 }
 
-void Confactor::setAllValues(double v) {
-  std::fill(values_.begin(), values_.end(), v);
-}
-
 void Confactor::addToValues(Confactor* other) {
   for (size_t i = 0; i < values_.size(); ++i) {
     values_[i] += other->values_[i];
@@ -506,10 +490,6 @@ void Confactor::normalize() {
 
 bool Confactor::allOnes() const {
   return std::all_of(values_.begin(), values_.end(), [](double v) { return v == 1.0; });
-}
-
-bool Confactor::allZeros() const {
-  return std::all_of(values_.begin(), values_.end(), [](double v) { return v == 0.0; });
 }
 
 bool Confactor::isConstraint() const {
@@ -551,18 +531,6 @@ bool Confactor::isForAtom(Atom& atom) const {
 void Confactor::resetWeights() {
   for (AtomDomStruct* entry : atoms_) {
     entry->atom_->weight_ = 0;
-  }
-}
-
-void Confactor::increaseWeights(int w) {
-  for (AtomDomStruct* entry : atoms_) {
-    entry->atom_->weight_ += w;
-  }
-}
-
-void Confactor::decreaseWeights(int w) {
-  for (AtomDomStruct* entry : atoms_) {
-    entry->atom_->weight_ -= w;
   }
 }
 
@@ -771,100 +739,11 @@ bool Confactor::isMergeable(const Confactor* other) const {
   return true;
 }
 
-bool Confactor::mergeWith(Confactor* other, Atom* atom, int value) {
-  if (!isMergeable(other)) {
-    return false;
-  }
-  AtomDomStruct* entry = new AtomDomStruct(atom, ADS_TABLE);
-  if (!atoms_.insert(entry).second) {
-    delete entry;
-    return false;
-  }
-  const long n = atom->domainsize_;
-  const long oldSize = static_cast<long>(values_.size());
-  updateSize(1.0);
-  const long b = entry->block_;
-  const long otherSize = static_cast<long>(other->values_.size());
-  // Expanding backwards keeps the unread old values ahead of the writes. With
-  // more than two values other's table is read once per other value, wrapping
-  // around at its start.
-  long r = oldSize - 1;
-  long ro = otherSize - 1;
-  long w = static_cast<long>(values_.size()) - 1;
-  long v = n - 1;
-  auto fromOther = [&]() {
-    if (ro < 0) {
-      ro = otherSize - 1;
-    }
-    values_[w--] = other->values_[ro--];
-  };
-  while (r >= 0 && w >= 0) {
-    for (long j = 0; j < b; ++j) {
-      if (v == value) {
-        values_[w--] = values_[r--];
-      } else {
-        fromOther();
-      }
-    }
-    v = v == 0 ? n - 1 : v - 1;
-  }
-  while (w >= 0) {
-    fromOther();
-  }
-  return true;
-}
-
-bool Confactor::isCompatible(const Confactor& other) const {
-  return walkCommon(atoms_, other.atoms_, [](const AtomDomStruct& a, const AtomDomStruct& b) {
-    return !((a.flags_ & ADS_CONTEXT) && (b.flags_ & ADS_CONTEXT) && !a.sameDomain(b));
-  });
-}
-
 bool Confactor::isCompatibleOrOverlapping(const Confactor& other) const {
   return walkCommon(atoms_, other.atoms_, [](const AtomDomStruct& a, const AtomDomStruct& b) {
     return !((a.flags_ & ADS_CONTEXT) && (b.flags_ & ADS_CONTEXT) &&
              (a.domain_ & b.domain_ & a.fullMask()) == 0);
   });
-}
-
-bool Confactor::constraintApplies(const Confactor& other) const {
-  return walkCommon(atoms_, other.atoms_, [](const AtomDomStruct& a, const AtomDomStruct& b) {
-    return (b.flags_ & ADS_FORATOM) || (a.domain_ & b.domain_ & a.fullMask()) != 0;
-  });
-}
-
-void Confactor::excludeAtomsIn(const Confactor& other) {
-  auto it = atoms_.begin();
-  auto io = other.atoms_.begin();
-  while (it != atoms_.end() && io != other.atoms_.end()) {
-    if ((*it)->atom_ == (*io)->atom_) {
-      it = atoms_.erase(it);
-      ++io;
-    } else if ((*it)->atom_->rank_ < (*io)->atom_->rank_) {
-      ++it;
-    } else {
-      ++io;
-    }
-  }
-}
-
-void Confactor::excludeAtomsNotInOrNotEqual(const Confactor& other) {
-  auto it = atoms_.begin();
-  auto io = other.atoms_.begin();
-  while (it != atoms_.end() && io != other.atoms_.end()) {
-    const AtomDomStruct& e = **it;
-    const AtomDomStruct& o = **io;
-    if (e.atom_ == o.atom_) {
-      bool keep = (e.flags_ & ADS_CONTEXT) && !(e.flags_ & ADS_TABLE) && e.sameDomain(o) &&
-                  e.flags_ == o.flags_;
-      it = keep ? it + 1 : atoms_.erase(it);
-      ++io;
-    } else if (e.atom_->rank_ < o.atom_->rank_) {
-      it = atoms_.erase(it);
-    } else {
-      ++io;
-    }
-  }
 }
 
 void Confactor::includeAtomsFromContext(Confactor& other) {
@@ -999,10 +878,6 @@ ConfactorAtoms::iterator Confactor::shrinkAtom(Atom* atom, unsigned domain, bool
   return it == atoms_.end() ? it : shrinkAtom(it, domain, keep);
 }
 
-ConfactorAtoms::iterator Confactor::setAtom(Atom* atom, int value, bool keep) {
-  return shrinkAtom(atom, 1u << value, keep);
-}
-
 void Confactor::sumoutAtom(Atom* atom, bool keep) {
   ConfactorAtoms::iterator it = atoms_.find(atom);
   if (it == atoms_.end()) {
@@ -1043,32 +918,6 @@ void Confactor::sumoutAtom(Atom* atom, bool keep) {
   } else {
     atoms_.erase(it);
   }
-  updateSize(1.0);
-}
-
-void Confactor::removeAtom(Atom* atom, int value) {
-  ConfactorAtoms::iterator it = atoms_.find(atom);
-  if (it != atoms_.end()) {
-    removeAtom(it, value);
-  }
-}
-
-void Confactor::removeAtom(ConfactorAtoms::iterator& it, int value) {
-  const size_t pos = it - atoms_.begin();
-  if ((*it)->flags_ & ADS_TABLE) {
-    Atom* atom = (*it)->atom_;
-    if (value == -1) {
-      sumoutAtom(atom, false);
-    } else {
-      shrinkAtom(atom, 1u << value, false);
-    }
-  }
-  // The remembered position now holds the next entry for a table atom; at
-  // the end there is nothing left to erase.
-  if (pos < atoms_.size()) {
-    atoms_.erase(atoms_.begin() + pos);
-  }
-  it = atoms_.begin() + std::min(pos, atoms_.size());
   updateSize(1.0);
 }
 
@@ -1159,19 +1008,6 @@ std::ostream& operator<<(std::ostream& os, const Confactor& c) {
   return os << c.str("", false);
 }
 
-void Confactor::updateName() const {
-  std::string context = "<";
-  std::string table;
-  for (const AtomDomStruct* entry : atoms_) {
-    if (entry->flags_ & ADS_CONTEXT) {
-      context += strEntry(*entry);
-    }
-    if (entry->flags_ & ADS_TABLE) {
-      table += strEntry(*entry);
-    }
-  }
-}
-
 std::string Confactor::xml(std::string comment) const {
   std::ostringstream os;
   os << "<confactor>\n<foratom>";
@@ -1242,8 +1078,4 @@ std::string Confactor::strHuginNet() const {
   }
   os << "\t\t);\n}";
   return os.str();
-}
-
-std::string Confactor::graphviz() const {
-  return std::string();
 }

@@ -64,9 +64,6 @@ struct AtomDomStruct {
   void setDomain(unsigned domain);
   // Off also clears every bit above ADS_TABLE.
   void setForAtom(bool on);
-  // The highest value of the domain (0 for an empty domain): the value of a
-  // single-valued entry.
-  int getDomainValue() const;
   // Equal domains on the atom's meaningful bits.
   bool sameDomain(const AtomDomStruct& other) const;
   // Bits 0 .. domain size - 1.
@@ -171,8 +168,6 @@ class Confactor {
   // Scratch index map of the product constructor, reused across products (so
   // products are not reentrant).
   static std::vector<unsigned> i_value;
-  // Reserved scratch storage; nothing uses it.
-  static std::vector<unsigned> i_value_start;
 
   // No atoms, the one entry v.
   explicit Confactor(double v);
@@ -212,13 +207,11 @@ class Confactor {
   // included) lies outside its domain.
   // REQUIRES: one pair per entry, every atom of indices an entry.
   void setValue(const AtomBody& indices, double v);
-  void setAllValues(double v);
   // Adds other's table entry by entry. REQUIRES: equal scopes and sizes.
   void addToValues(Confactor* other);
   // Divides by the sum unless that is 0.
   void normalize();
   bool allOnes() const;
-  bool allZeros() const;
   // A single entry of 1.0: the confactor only states its context.
   bool isConstraint() const;
   // An empty table or all ones; the atom is not consulted.
@@ -236,8 +229,6 @@ class Confactor {
   // Elimination weights belong to the atoms; a confactor adds its share when
   // it enters a set and takes it away when it leaves.
   void resetWeights();
-  void increaseWeights(int w);
-  void decreaseWeights(int w);
 
   // Full self-check; reports a failure on the error stream and returns false.
   bool checkInvariant() const;
@@ -252,24 +243,11 @@ class Confactor {
   void initAtoms(Confactor* a, Confactor* b);
   // Same atoms, masked domains and role bits, position by position.
   bool isMergeable(const Confactor* other) const;
-  // Adds atom as a new table atom whose slice atom = value comes from this
-  // table and every other slice from other's. False, changing nothing, when
-  // not mergeable or atom is present. REQUIRES: atom has two values.
-  bool mergeWith(Confactor* other, Atom* atom, int value);
 
-  // False when a common context atom has different domains.
-  bool isCompatible(const Confactor& other) const;
   // False when a common context atom has disjoint domains.
   bool isCompatibleOrOverlapping(const Confactor& other) const;
-  // False when a common atom that is not other's for-atom has disjoint domains.
-  bool constraintApplies(const Confactor& other) const;
 
   // Context editing; none of these touches the table or the strides.
-  // Erases every entry whose atom other has.
-  void excludeAtomsIn(const Confactor& other);
-  // Keeps only pure context entries equal (domain and roles) to other's, and
-  // the entries ranked above every atom of other.
-  void excludeAtomsNotInOrNotEqual(const Confactor& other);
   // addAtom(atom, flags, domain, 1, -1) for each context entry of other.
   void includeAtomsFromContext(Confactor& other);
   void removePureContextAtoms();
@@ -292,15 +270,9 @@ class Confactor {
   // it stays as a context atom. REQUIRES: domain is a subset of the old one.
   ConfactorAtoms::iterator shrinkAtom(ConfactorAtoms::iterator& it, unsigned domain, bool keep);
   ConfactorAtoms::iterator shrinkAtom(Atom* atom, unsigned domain, bool keep);
-  // shrinkAtom to the single value.
-  ConfactorAtoms::iterator setAtom(Atom* atom, int value, bool keep);
   // Sums the table over atom. A context table atom with keep stays as a pure
   // context atom; otherwise the entry goes.
   void sumoutAtom(Atom* atom, bool keep);
-  // Sums out (value -1) or restricts a table atom, then erases the entry at
-  // the atom's old position, which for a table atom is the entry after it.
-  void removeAtom(Atom* atom, int value);
-  void removeAtom(ConfactorAtoms::iterator& it, int value);
   // A complete table over all atoms of this one (full domains, same order),
   // fill outside this confactor's context. Caller owns the result.
   Confactor* convertToCPT(int fill) const;
@@ -312,13 +284,9 @@ class Confactor {
   std::string str(const std::string& indent = "", bool noTable = false) const;
   // One '1' or '0' per value of the atom, value 0 first.
   std::string formatDomain(const AtomDomStruct& entry) const;
-  // Composes the context and table names and discards them.
-  void updateName() const;
   std::string xml(std::string comment) const;
   // The Hugin potential block. REQUIRES: a for-atom.
   std::string strHuginNet() const;
-  // Always empty.
-  std::string graphviz() const;
 
  private:
   std::string strEntry(const AtomDomStruct& entry) const;

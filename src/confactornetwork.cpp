@@ -68,10 +68,6 @@ std::vector<Atom*>* ConfactorNetworkBase::getAllAtoms() {
   return result;
 }
 
-Atom* ConfactorNetworkBase::getFirstAtom() {
-  return atoms_.empty() ? nullptr : atoms_.begin()->second;
-}
-
 std::vector<Atom*>* ConfactorNetworkBase::getTopologicalOrderedAtoms() {
   std::vector<Atom*>* result = getAllAtoms();
   std::sort(result->begin(), result->end(), Atom::Cmp());

@@ -49,8 +49,6 @@ class ConfactorNetworkBase {
   // choice variables.
   std::vector<Atom*>* getAtoms();
   std::vector<Atom*>* getAllAtoms();
-  // The atom with the smallest name, or null.
-  Atom* getFirstAtom();
   // All atoms by ascending rank; owned by the caller.
   std::vector<Atom*>* getTopologicalOrderedAtoms();
 

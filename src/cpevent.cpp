@@ -92,18 +92,6 @@ CPBodyAtom::~CPBodyAtom() {
   delete probabilities_;
 }
 
-std::string ParsedCPEvent::cppCode() const {
-  std::ostringstream os;
-  for (const auto& h : head_)
-    os << "head[" << h.atom_->name_ << "] = " << h.value_ << ";\n";
-  for (const auto& b : body_)
-    os << "body[" << b.atom_->name_ << "] = " << b.value_ << ";\n";
-  os << "cpt->addParsedEvent(head, body);\n";
-  os << "head.clear();\n";
-  os << "body.clear();\n";
-  return os.str();
-}
-
 CPEvent::CPEvent(CPTheory* theory)
     : id_(0),
       body_tree_(nullptr),
@@ -652,14 +640,6 @@ std::string CPEvent::strBody() const {
 
 std::string CPEvent::str() const {
   return body_tree_ == nullptr ? strParsedBody() : strBody();
-}
-
-std::string CPEvent::cppCode() const {
-  std::ostringstream os;
-  for (const ParsedCPEvent& rule : parsed_events_)
-    os << rule.cppCode();
-  os << "\n";
-  return os.str();
 }
 
 std::ostream& operator<<(std::ostream& os, const CPEvent& event) {

@@ -71,9 +71,6 @@ class ParsedCPEvent {
   ParsedCPEvent() = default;
   ParsedCPEvent(const AtomDoubles& head, const std::vector<AtomValuePair<int>>& body)
       : head_(head), body_(body) {}
-
-  // Statements that rebuild this rule in generated code.
-  std::string cppCode() const;
 };
 
 // A node of a body tree. An inner node tests atom_ and has one child slot per
@@ -148,7 +145,6 @@ class CPEvent {
   void resetBetaParams() {}
   void addCount(unsigned int, double) {}
   void updateProbabilitiesFromBeta(double) {}
-  void printBeta() const {}
 
   // --- Conversion to confactors. Confactors are appended to *out, whose
   // holder owns them. evidence (may be null; not owned) holds observed
@@ -179,7 +175,6 @@ class CPEvent {
   std::string strBody() const;
   // strBody once compiled, strParsedBody before.
   std::string str() const;
-  std::string cppCode() const;
 
  private:
   bool excludesHeldBodies(const std::vector<AtomValuePair<int>>& sorted) const;

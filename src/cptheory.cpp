@@ -34,26 +34,13 @@ Confactor* tableOver(Atom* a, std::vector<double> values) {
 }  // namespace
 
 CPTheory::CPTheory(const std::string& name)
-    : use_confactors_(true),
-      name_(name),
-      use_tables_(false),
-      factor_context_(false),
-      compile_bodies_(true),
-      max_rank_(0) {
+    : use_confactors_(true), name_(name), use_tables_(false), compile_bodies_(true), max_rank_(0) {
   ConfactorNetworkBase::init();
 }
 
 CPTheory::~CPTheory() {
   for (CPEvent* event : events_)
     delete event;
-}
-
-void CPTheory::init() {
-  ConfactorNetworkBase::init();
-  use_tables_ = false;
-  compile_bodies_ = true;
-  factor_context_ = false;
-  use_confactors_ = true;
 }
 
 void CPTheory::setMethod(const std::string& method) {
@@ -263,21 +250,6 @@ void CPTheory::compileBodies() {
   }
 }
 
-int CPTheory::getObservedValue(Atom& atom) const {
-  if (observations_ == nullptr)
-    return -1;
-  auto found = observations_->find(&atom);
-  return found == observations_->end() ? -1 : found->second;
-}
-
-std::string CPTheory::strObservations() const {
-  return observations_ == nullptr ? std::string() : AtomBodyOps::str(*observations_);
-}
-
-AtomBody* CPTheory::sample() {
-  return new AtomBody();
-}
-
 // ---------------------------------------------------------------------------
 // Queries.
 
@@ -418,7 +390,6 @@ CVE* CPTheory::createCVE(Atom* q) {
 CVE* CPTheory::buildEngine(Atom* q, const AtomBody& evidence) {
   compile();
   std::unique_ptr<CVE> engine(new CVE());
-  engine->factor_context_ = factor_context_;
   engine->use_complete_set_tree_ = use_complete_set_;
   engine->next_auxiliary_rank_ = max_rank_ + 1;
 

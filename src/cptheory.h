@@ -38,8 +38,6 @@ class CPTheory : public ConfactorNetworkBase {
   std::vector<CPEvent*> events_;  // owned
   // Merge the confactors of one atom or event into one complete table.
   bool use_tables_;
-  // Copied into every engine (factor out the shared context in absorption).
-  bool factor_context_;
   // Hold rules per event and compile them into body trees; off, every rule
   // is an event of its own.
   bool compile_bodies_;
@@ -53,8 +51,6 @@ class CPTheory : public ConfactorNetworkBase {
 
   explicit CPTheory(const std::string& name);
   ~CPTheory() override;
-
-  void init();
 
   // Settings as the host names them. A method word: "cf" (default; also for
   // unknown words), "tables", "cpts", "cfme". An elimination word:
@@ -84,11 +80,6 @@ class CPTheory : public ConfactorNetworkBase {
   // observations is not owned and must outlive its use.
   void setObservations(AtomBody* observations) { observations_ = observations; }
   void clearObservations() { observations_ = nullptr; }
-  // The observed value, -1 when unobserved.
-  int getObservedValue(Atom& atom) const;
-  std::string strObservations() const;
-  // A new, empty assignment owned by the caller.
-  AtomBody* sample();
   void resetAllBetaParams() {}
   void updateProbabilitiesFromBeta(double) {}
   void updateBetaParams(AtomBody*) {}
@@ -135,11 +126,6 @@ class CPTheory : public ConfactorNetworkBase {
   // --- Text forms (src/cptheorytext.cpp). ---
   // The name alone, or every event as rules.
   std::string str(bool nameOnly) const;
-  std::string strRanking() const;
-  void printStatus() const;
-  void printBetas() const;
-  // A C++ fragment that rebuilds the theory (without its closing brace).
-  std::string cppCode() const;
   // A Hugin network of the confactors relevant to query, as complete tables.
   std::string strHuginNet(Atom* query);
   // A Graphviz digraph of the atoms; compiles first when needed.

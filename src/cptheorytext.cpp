@@ -38,55 +38,6 @@ std::ostream& operator<<(std::ostream& os, const CPTheory& theory) {
   return os << theory.str(false);
 }
 
-std::string CPTheory::strRanking() const {
-  std::ostringstream os;
-  os << "RANKING: " << std::endl;
-  for (const auto& entry : atoms_)
-    os << entry.second->name_ << "-" << entry.second->rank_ << std::endl;
-  os << std::endl;
-  return os.str();
-}
-
-void CPTheory::printStatus() const {
-  std::cout << "Status of " << name_ << ":" << std::endl;
-  std::cout << "Nb of events: " << static_cast<unsigned>(events_.size()) << std::endl;
-}
-
-void CPTheory::printBetas() const {
-  for (const CPEvent* event : events_) {
-    event->printBeta();
-    std::string text = event->str();
-    std::fflush(stdout);
-    std::printf(" -%s-> %s\n", event->getAtomRepresentation()->name_.c_str(), text.c_str());
-  }
-  std::fflush(stdout);
-}
-
-std::string CPTheory::cppCode() const {
-  std::ostringstream os;
-  os << "void test" << name_ << "()\n";
-  os << "{\n";
-  os << "CPTheory* cpt = new CPTheory(\"" << name_ << "\");\n";
-  os << "AtomHead head;\n";
-  os << "AtomBody body;\n";
-  os << "\n";
-  os << "// Atoms\n";
-  for (const auto& entry : atoms_) {
-    const Atom* atom = entry.second;
-    if (atom->event_ != nullptr)
-      continue;
-    os << "Atom* " << atom->name_ << " = cpt->addAtom(\"" << atom->name_ << "\");\n";
-  }
-  os << "\n";
-  for (const CPEvent* event : events_)
-    os << "// CP-event\n" << event->cppCode();
-  os << "\n";
-  os << "cout << *cpt;\n";
-  os << "cpt->compile();\n";
-  os << "cout << *cpt;\n";
-  return os.str();
-}
-
 std::string CPTheory::strHuginNet(Atom* query) {
   bool savedTables = use_tables_;
   use_tables_ = true;

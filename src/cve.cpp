@@ -8,10 +8,6 @@
 #include "completeconfactorset.h"
 #include "querylimits.h"
 
-std::vector<double> CVE::dbl_confactor_(1, 0.0);
-std::deque<Confactor*> CVE::confac_scratch_;
-bool CVE::confac_scratch_in_use_ = false;
-
 void FactorIndex::insert(Confactor* c) {
   const size_t stamp = alive_.size();
   const bool fresh = live_.emplace(c, Record{stamp, c->atoms_.size()}).second;
@@ -82,7 +78,6 @@ void FactorIndex::clear() {
 CVE::CVE()
     : next_auxiliary_rank_(0),
       sort_elim_order_(true),
-      factor_context_(false),
       use_complete_set_tree_(true),
       num_factors_(0),
       constant_(1.0) {}
@@ -134,20 +129,9 @@ void CVE::sortElimOrder() {
   std::sort(elim_order_.begin(), elim_order_.end(), Atom::Cmp());
 }
 
-void CVE::reverseElimOrder() {
-  std::reverse(elim_order_.begin(), elim_order_.end());
-}
-
 void CVE::clear() {
   removeFactors(false);
   elim_order_.clear();
-}
-
-void CVE::combine(const CVE& other) {
-  assert(&other != this);
-  for (Confactor* c : other.factors_.confactors())
-    factors_.insert(c);
-  elim_order_.insert(elim_order_.end(), other.elim_order_.begin(), other.elim_order_.end());
 }
 
 std::vector<Confactor*>* CVE::getFactorsFor(Atom* a) {
@@ -211,8 +195,6 @@ Confactor* CVE::createJoint() {
     v *= constant_;
   return result;
 }
-
-void CVE::renormalize() {}
 
 void CVE::eliminate(Atom* a) {
   std::vector<Confactor*> found = factors_.under(a->id_);
@@ -290,18 +272,8 @@ void CVE::eliminateNoCST(Atom* a) {
     removeFactor(c, false);
   std::sort(to_absorb_.begin(), to_absorb_.end(), ConfactorCmpLength());
 
+  // No context is factored out of the products: the results take none back.
   Confactor common(0.0);
-  if (!to_absorb_.empty() && factor_context_) {
-    // The context shared by every confactor to absorb and by no table for a
-    // can stay off the products and be put back on the results.
-    common.includeAtomsFromContext(*to_absorb_.front());
-    for (size_t i = 1; i < to_absorb_.size(); ++i)
-      common.excludeAtomsNotInOrNotEqual(*to_absorb_[i]);
-    for (Confactor* member : complete_set_)
-      common.excludeAtomsIn(*member);
-    for (Confactor* member : to_absorb_)
-      member->excludeAtomsIn(common);
-  }
   while (!to_absorb_.empty()) {
     Confactor* c = to_absorb_.front();
     to_absorb_.pop_front();
@@ -395,11 +367,6 @@ void CVE::createResiduals(Confactor* target, Confactor* other, std::deque<Confac
     delete o;
 }
 
-void CVE::addFactorToCompleteSet(Confactor* c, std::deque<Confactor*>* out, bool,
-                                 bool takeOwnership) {
-  out->push_back(takeOwnership ? c : new Confactor(*c));
-}
-
 void CVE::sumout(Atom* a, Confactor& common) {
   // Pieces cut to part of a's values, keyed by that value set.
   std::multimap<unsigned int, Confactor*> partial;
@@ -483,32 +450,6 @@ std::string CVE::str() const {
 
 std::ostream& operator<<(std::ostream& os, const CVE& cve) {
   return os << cve.str();
-}
-
-namespace {
-
-void writeSets(std::ostream& os, const std::deque<Confactor*>& complete,
-               const std::deque<Confactor*>& toAbsorb) {
-  os << "Complete set:" << std::endl << "-------------" << std::endl;
-  unsigned int i = 0;
-  for (const Confactor* c : complete)
-    os << "[" << i++ << "] : " << c->str("", false) << std::endl;
-  os << "To absorb set:" << std::endl << "--------------" << std::endl;
-  i = 0;
-  for (const Confactor* c : toAbsorb)
-    os << "[" << i++ << "] : " << c->str("", false) << std::endl;
-}
-
-}  // namespace
-
-std::string CVE::strSets() const {
-  std::ostringstream os;
-  writeSets(os, complete_set_, to_absorb_);
-  return os.str();
-}
-
-void CVE::printSets() const {
-  writeSets(std::cout, complete_set_, to_absorb_);
 }
 
 std::string CVE::xml() const {

@@ -72,8 +72,6 @@ class CVE {
   int next_auxiliary_rank_;
   // query sorts elim_order_ by rank first; off, the order is used as it is.
   bool sort_elim_order_;
-  // Lets eliminateNoCST factor out the context that all confactors to absorb share.
-  bool factor_context_;
   // query eliminates with eliminate when true, with eliminateNoCST when false.
   bool use_complete_set_tree_;
   int num_factors_;  // distinct confactors in factors_
@@ -87,11 +85,6 @@ class CVE {
   // messages quote the deque with its allocator, so it is written so here.
   std::deque<Confactor*, std::allocator<Confactor*>> to_absorb_;
   std::deque<Confactor*> complete_set_;
-
-  // Reserved scratch storage; no operation uses it.
-  static std::vector<double> dbl_confactor_;
-  static std::deque<Confactor*> confac_scratch_;
-  static bool confac_scratch_in_use_;
 
   CVE();
   CVE(const CVE&) = delete;
@@ -111,13 +104,8 @@ class CVE {
   // A new atom owned by the engine, appended to the elimination order.
   Atom* newAuxiliaryAtom(const std::string& name, unsigned domainsize);
   void sortElimOrder();
-  void reverseElimOrder();
   // Forgets every confactor without destroying it and empties the order.
   void clear();
-  // Adds other's confactors and order to this engine. The confactors are then
-  // shared: exactly one of the two engines may destroy them (clear the other).
-  // REQUIRES: other is not this engine.
-  void combine(const CVE& other);
   // New vector (caller frees) of the tables for a; the engine keeps the confactors.
   std::vector<Confactor*>* getFactorsFor(Atom* a);
   // New set (caller frees) of the distinct confactors; the engine keeps them.
@@ -136,7 +124,6 @@ class CVE {
   // Without confactors left, a table without atoms holding constant_. The
   // caller owns the result.
   Confactor* createJoint();
-  void renormalize();
 
   // Eliminates a through a complete confactor set.
   void eliminate(Atom* a);
@@ -157,13 +144,8 @@ class CVE {
   // out). With copyOther, *other is replaced by a copy before it is changed;
   // the caller owns that copy and compares *other with its old value to know.
   void unifySets(Confactor* target, Confactor** other, std::deque<Confactor*>* out, bool copyOther);
-  // Appends c to *out when takeOwnership, else a copy of c (c stays the caller's).
-  void addFactorToCompleteSet(Confactor* c, std::deque<Confactor*>* out, bool ignored,
-                              bool takeOwnership);
 
   std::string str() const;
-  std::string strSets() const;
-  void printSets() const;
   std::string xml() const;
 };
 

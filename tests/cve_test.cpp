@@ -184,10 +184,9 @@ struct EngineModel {
     return c;
   }
 
-  std::vector<double> run(int q, bool tree, bool suspend = false, bool factorContext = false) {
+  std::vector<double> run(int q, bool tree, bool suspend = false) {
     CVE cve;
     cve.use_complete_set_tree_ = tree;
-    cve.factor_context_ = factorContext;
     for (Confactor* c : confactors)
       cve.addFactor(new Confactor(*c));
     for (auto& a : atoms)
@@ -228,7 +227,7 @@ TEST(CVEReference, MarginalsMatchEnumeration) {
           SCOPED_TRACE(::testing::Message() << "ctx " << contextual << " seed " << seed << " order "
                                             << order << " query " << q);
           expectMarginal(e.run(q, true, order == 2), m.marginal[q]);
-          expectMarginal(e.run(q, false, false, order == 1), m.marginal[q]);
+          expectMarginal(e.run(q, false), m.marginal[q]);
         }
       }
     }
@@ -254,7 +253,7 @@ TEST(CVEReference, ThreeWayContextSplit) {
     for (int q = 0; q < 3; ++q) {
       SCOPED_TRACE(::testing::Message() << "order " << order << " query " << q);
       expectMarginal(e.run(q, true), m.marginal[q]);
-      expectMarginal(e.run(q, false, false, q == 2), m.marginal[q]);
+      expectMarginal(e.run(q, false), m.marginal[q]);
     }
     ++order;
   } while (std::next_permutation(ranks.begin(), ranks.end()));
