@@ -236,15 +236,15 @@ int VornCPTheory::atomInTable(long term) {
   std::vector<PelmAtomId> atoms;
   std::string key = termKey(term, &atoms);
   held_atoms_.hold(atoms);
-  auto placed = atom_table_.emplace(std::move(key), 1);
-  return placed.second ? 0 : placed.first->second;
+  auto placed = atom_table_.emplace(std::move(key), kUnderEvaluation);
+  return placed.second ? kNewInTable : placed.first->second;
 }
 
 void VornCPTheory::atomTableSuccess(long term) {
   std::vector<PelmAtomId> atoms;
   std::string key = termKey(term, &atoms);
   held_atoms_.hold(atoms);
-  atom_table_[std::move(key)] = 2;
+  atom_table_[std::move(key)] = kComplete;
 }
 
 void VornCPTheory::addEvent(long term) {

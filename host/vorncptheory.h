@@ -30,7 +30,10 @@ class VornCPTheory : public CPTheory {
 
   // The atom of every ground term added so far, by term key.
   std::unordered_map<std::string, Atom*> term_atoms_;
-  // Tabling status of ground atoms, by term key: 1 under evaluation, 2 complete.
+  // Tabling status of a ground atom, as vorn_cp_theory_atom_in_table/3
+  // reports it: new (then under evaluation), under evaluation, complete.
+  enum TableStatus : int32_t { kNewInTable = 0, kUnderEvaluation = 1, kComplete = 2 };
+  // Tabling status of ground atoms, by term key.
   std::unordered_map<std::string, int32_t> atom_table_;
   // Per first-order event: the number of terms of each grounding, -1 while
   // the event is not announced.

@@ -157,8 +157,9 @@ CompleteConfactorSetNodeBase* CompleteConfactorSet::copySubtree(CCFSNB* src, Ato
 }
 
 void CompleteConfactorSet::multiplyValues(CCFSNB* node, Confactor* confactor) {
-  Confactor* product = node->leaf_ == NULL ? new Confactor(*confactor)
-                                           : new Confactor(node->leaf_, confactor, NULL, 0, -1);
+  Confactor* product = node->leaf_ == NULL
+                           ? new Confactor(*confactor)
+                           : new Confactor(node->leaf_, confactor, nullptr, kMultiply, kSumOut);
   // The path already states the context.
   product->removePureContextAtoms();
   delete node->leaf_;
@@ -211,7 +212,7 @@ void CompleteConfactorSet::sumout(CCFSNB* node, Atom* atom) {
         sum = part;
         continue;
       }
-      Confactor* both = new Confactor(sum, part, NULL, 1, -1);
+      Confactor* both = new Confactor(sum, part, nullptr, kAdd, kSumOut);
       delete sum;
       delete part;
       sum = both;
@@ -223,7 +224,7 @@ void CompleteConfactorSet::sumout(CCFSNB* node, Atom* atom) {
   }
   assert(node->leaf_ != __null);
   node->leaf_->sumoutAtom(atom, false);
-  if (node->leaf_->isRedundant(NULL)) {
+  if (node->leaf_->isRedundant(nullptr)) {
     delete node->leaf_;
     node->leaf_ = NULL;
   }

@@ -314,8 +314,9 @@ Confactor* productOfCompleteTables(const std::vector<Confactor*>& confactors) {
   std::unique_ptr<Confactor> acc;
   for (const Confactor* c : confactors) {
     std::unique_ptr<Confactor> complete(c->convertToCPT(1));
-    acc.reset(acc == nullptr ? complete.release()
-                             : new Confactor(acc.get(), complete.get(), nullptr, 0, -1));
+    acc.reset(acc == nullptr
+                  ? complete.release()
+                  : new Confactor(acc.get(), complete.get(), nullptr, kMultiply, kSumOut));
   }
   return acc.release();
 }

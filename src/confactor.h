@@ -28,6 +28,12 @@ constexpr unsigned ADS_TABLE = 2;
 // The atom is the child of a conditional probability table (at most one entry).
 constexpr unsigned ADS_FORATOM = 4;
 
+// The add argument of the combining constructor.
+constexpr int kMultiply = 0;
+constexpr int kAdd = 1;
+// Its value argument when the atom (if any) is summed out, not restricted.
+constexpr int kSumOut = -1;
+
 // One atom of a confactor: the values the confactor speaks about (a bit set,
 // bit v = value v, at most 32 values), their count, the role bits and the
 // atom's stride in the table. Only bits below the atom's domain size count.
@@ -181,10 +187,10 @@ class Confactor {
   Confactor(ConfactorAtoms& atoms, double fill);
   // A copy with a fresh id.
   Confactor(const Confactor& other);
-  // The product of a and b (their sum when add is non-zero) over the union of
-  // their entries; then, when atom is not null, value -1 sums atom out and any
-  // other value restricts atom to that value and drops it. a and b are only
-  // read and stay the caller's.
+  // The product of a and b (their sum when add is kAdd) over the union of
+  // their entries; then, when atom is not null, value kSumOut sums atom out
+  // and any other value restricts atom to that value and drops it. a and b
+  // are only read and stay the caller's.
   Confactor(Confactor* a, Confactor* b, Atom* atom, int add, int value);
   Confactor& operator=(const Confactor&) = delete;
   ~Confactor();

@@ -290,7 +290,7 @@ void CVE::absorb(Confactor* c) {
     if (!e->isCompatibleOrOverlapping(*c))
       continue;
     createResiduals(e, c, &complete_set_, true);
-    complete_set_[i] = new Confactor(e, c, NULL, 0, -1);
+    complete_set_[i] = new Confactor(e, c, nullptr, kMultiply, kSumOut);
     delete e;
   }
 }
@@ -380,7 +380,7 @@ void CVE::sumout(Atom* a, Confactor& common) {
       continue;
     }
     c->sumoutAtom(a, false);
-    if (c->isRedundant(a)) {
+    if (c->isRedundant(nullptr)) {
       delete c;
       continue;
     }
@@ -400,7 +400,7 @@ void CVE::sumout(Atom* a, Confactor& common) {
            ((values1 & match->first & full) != 0 || !c1->isCompatibleOrOverlapping(*match->second)))
       ++match;
     if (match == partial.end()) {
-      if (c1->isRedundant(NULL)) {
+      if (c1->isRedundant(nullptr)) {
         delete c1;
       } else {
         addFactor(c1);
@@ -419,11 +419,11 @@ void CVE::sumout(Atom* a, Confactor& common) {
     createResiduals(c1, c2, &residuals, true);
     for (Confactor* r : residuals)
       partial.insert(std::make_pair(values1, r));
-    Confactor* sum = new Confactor(c1, c2, NULL, 1, -1);
+    Confactor* sum = new Confactor(c1, c2, nullptr, kAdd, kSumOut);
     if ((values & full) != full) {
       sum->shrinkAtom(a, values, true);
       partial.insert(std::make_pair(values, sum));
-    } else if (sum->isRedundant(NULL)) {
+    } else if (sum->isRedundant(nullptr)) {
       delete sum;
     } else {
       sum->includeAtomsFromContext(common);
