@@ -8,8 +8,6 @@
 #include <random>
 #include <sstream>
 
-#include "cpevent.h"
-
 int32_t Atom::next_unique_id_ = 0;
 
 Atom::Atom(const std::string& name, int domainsize)
@@ -104,12 +102,8 @@ Atom* Atom::createPrimeAtom() {
 }
 
 bool Atom::isMultFactorizable() const {
-  if (event_ != nullptr) {
-    // A single rule with a body factorises through the prime of its choice.
-    if (event_->emptyBody())
-      return false;
-    return event_->countParsedEvents() == 1;
-  }
+  if (event_ != nullptr)
+    return eventFactorizes(*event_);
   assert(in_.size() != 0);
   return in_.size() > 1;
 }

@@ -116,6 +116,11 @@ struct AtomBodyOps {
   static std::string str(const AtomBody& body);
 };
 
+// Whether the choice variable of event factorises through a prime atom: a
+// single rule with a body does. Defined with the events (src/cpevent.cpp),
+// so that atoms do not depend on the layer above them.
+bool eventFactorizes(const CPEvent& event);
+
 // Pseudo-random integer in 0..n from the core's own generator (a draw in
 // 0 .. 2^31 - 1 scaled by 2^-31 (n + 1)); a result above n gives 0. The core
 // never touches the C library's rand(), which belongs to its host.

@@ -10,6 +10,10 @@
 #include "cve.h"
 #include "querylimits.h"
 
+bool eventFactorizes(const CPEvent& event) {
+  return !event.emptyBody() && event.countParsedEvents() == 1;
+}
+
 int32_t CPEvent::next_unique_id_ = 0;
 
 // ---------------------------------------------------------------------------
