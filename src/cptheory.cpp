@@ -36,6 +36,8 @@ Confactor* tableOver(Atom* a, std::vector<double> values) {
 CPTheory::CPTheory(const std::string& name)
     : use_confactors_(true), name_(name), use_tables_(false), compile_bodies_(true), max_rank_(0) {
   ConfactorNetworkBase::init();
+  // Each query's own greedy order unless a ranking heuristic is chosen.
+  weight_heuristic_ = kGreedy;
 }
 
 CPTheory::~CPTheory() {
