@@ -1,9 +1,11 @@
 // Atoms and the network's ranking, on hand-worked graphs: edges, prime
-// atoms and the ranking orders. Of the weight heuristics only the degree, a
-// theory's default until its settings choose the greedy order, is reached.
+// atoms and the ranking orders; and the core's random numbers. Of the weight
+// heuristics only the degree, a theory's default until its settings choose
+// the greedy order, is reached.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <vector>
@@ -35,28 +37,26 @@ TEST(AtomEdges, EdgesAreUniqueWeightedAndKeptInIdOrder) {
   EXPECT_EQ(c.sibling_, std::vector<Atom*>{&s});
   link(&c, &s);  // the sibling becomes a child and leaves the sibling list
   EXPECT_TRUE(c.sibling_.empty());
-  EXPECT_EQ(c.out_, std::vector<Atom*>{&s});
   EXPECT_EQ(c.weight_, 6u);
   // Only an atom with several parents is factorised through a prime.
   EXPECT_TRUE(c.isMultFactorizable());
   EXPECT_FALSE(s.isMultFactorizable());
 }
 
+// A prime is made once, keeps its owner's domain and weight, and ranks
+// directly before its owner.
 TEST(AtomPrime, IsMadeOnceAndRanksBeforeItsOwner) {
-  Atom a("a", 3);
-  Atom b("b", 2);
+  Atom a("a", 3), b("b", 2);
   link(&a, &b);
   a.weight_ = 7;
   Atom* prime = a.createPrimeAtom();
   EXPECT_EQ(prime, a.createPrimeAtom());
-  EXPECT_EQ(prime->name_, "a'");
-  EXPECT_EQ(prime->domainsize_, 3u);  // a ground atom's prime keeps its domain
+  EXPECT_EQ(prime->name_ + std::to_string(prime->domainsize_), "a'3");
   EXPECT_TRUE(prime->prime_);
   EXPECT_EQ(prime->in_, std::vector<Atom*>{&a});
   EXPECT_EQ(prime->out_, std::vector<Atom*>{&a});
   EXPECT_EQ(prime->weight_, 7u);
   EXPECT_TRUE(a.in_.empty());  // no reverse edges on the owner
-  // The prime ranks directly before its owner.
   EXPECT_EQ(b.setRank(3), 1);
   EXPECT_EQ(a.setRank(5), 2);
   EXPECT_EQ(prime->rank_, 5);
@@ -97,17 +97,12 @@ TEST(NetworkRanking, ReadySetHeaviestFirstTiesInInsertionOrder) {
 // until the final numbering.
 TEST(NetworkRanking, PrimesAndCycles) {
   ConfactorNetworkBase net;
-  Atom* p = net.addAtom("p");
-  Atom* q = net.addAtom("q");
-  Atom* x = net.addAtom("x");
-  Atom* y = net.addAtom("y");
-  Atom* z = net.addAtom("z");
-  link(p, x);
-  link(q, x);
-  link(x, y);
-  link(y, z);
-  link(z, y);
-  Atom* prime = x->createPrimeAtom();
+  std::map<std::string, Atom*> x;
+  for (const char* name : {"p", "q", "x", "y", "z"})
+    x[name] = net.addAtom(name);
+  for (auto edge : {"px", "qx", "xy", "yz", "zy"})
+    link(x[std::string(1, edge[0])], x[std::string(1, edge[1])]);
+  Atom* prime = x["x"]->createPrimeAtom();
   net.atoms_[prime->name_] = prime;
   net.updateTopologicalRanking();
   EXPECT_EQ(ranks(net), (std::map<std::string, int>{
@@ -138,6 +133,25 @@ TEST(NetworkRanking, AtomsRegisteredWhileRankingAreRanked) {
   std::unique_ptr<std::vector<Atom*>> ordered(net.getTopologicalOrderedAtoms());
   for (size_t i = 0; i < ordered->size(); ++i)
     EXPECT_EQ((*ordered)[i]->rank_, int(i) + 1);
+}
+
+// A seed repeats the core's draws, and the core leaves the host's rand()
+// sequence alone, however many numbers it draws.
+TEST(RandomNumbers, SeededDrawsRepeatAndRandIsUntouched) {
+  auto draws = [](uint32_t seed) {
+    seedRandom(seed);
+    std::vector<int> out;
+    for (int i = 0; i < 1000; ++i)
+      out.push_back(randomNumber(999));
+    return out;
+  };
+  std::srand(1);
+  const int expected = std::rand();
+  std::srand(1);
+  const std::vector<int> first = draws(42);
+  EXPECT_EQ(draws(42), first);
+  EXPECT_NE(draws(43), first);
+  EXPECT_EQ(std::rand(), expected);
 }
 
 }  // namespace
