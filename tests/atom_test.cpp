@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <map>
-#include <memory>
 #include <vector>
 
 #include "atom.h"
@@ -113,26 +112,6 @@ TEST(NetworkRanking, PrimesAndCycles) {
     all.push_back(entry.second);
   std::sort(all.begin(), all.end());
   EXPECT_EQ(all, (std::vector<int>{1, 2, 3, 4, 5, 6}));
-}
-
-// A network whose ranking hook registers atoms, as a theory does.
-class GrowingNetwork : public ConfactorNetworkBase {
- public:
-  void initAtom(Atom* atom) override {
-    if (atom->name_ == "a")
-      addAtom("b_extra");
-  }
-};
-
-TEST(NetworkRanking, AtomsRegisteredWhileRankingAreRanked) {
-  GrowingNetwork net;
-  net.addAtom("a");
-  net.addAtom("z");
-  net.updateRanking();
-  ASSERT_EQ(net.atoms_.size(), 3u);
-  std::unique_ptr<std::vector<Atom*>> ordered(net.getTopologicalOrderedAtoms());
-  for (size_t i = 0; i < ordered->size(); ++i)
-    EXPECT_EQ((*ordered)[i]->rank_, int(i) + 1);
 }
 
 // A seed repeats the core's draws, and the core leaves the host's rand()

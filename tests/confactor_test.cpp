@@ -1,7 +1,7 @@
 // Confactor tests: the algebra against a dense reference that expands a
 // confactor into a full table over a small world of atoms (NaN where it does
-// not hold), plus hand-worked cases for the product's shifted domain and
-// wildcards, and the text of a failed check.
+// not hold), plus a hand-worked case for the product's shifted domain and
+// the text of a failed check.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -331,27 +331,6 @@ TEST(ConfactorAlgebra, ShiftedProductDomainOnAHandWorkedCase) {
   auto part = make({{x, 6, ADS_CONTEXT | ADS_TABLE}}, {7, 11});
   Confactor p(full.get(), part.get(), nullptr, 0, -1);
   EXPECT_EQ(p.values_, (std::vector<double>{21, 35}));
-}
-
-// A wildcard (-1) sets every value of a table atom, never of a context atom,
-// and a value outside an atom's domain sets nothing.
-TEST(ConfactorLayout, SetValueWithWildcards) {
-  World w;
-  Atom* a = w.add(2, 3, "a");
-  Atom* b = w.add(3, 1, "b");
-  Atom* c = w.add(4, 2, "c");  // context table atom over {0, 2, 3}
-  auto f = make({{a, 3, ADS_TABLE}, {b, 7, ADS_TABLE}, {c, 13, ADS_CONTEXT | ADS_TABLE}},
-                std::vector<double>(18, 0.0));
-  f->setValue({{a, 1}, {b, 2}, {c, 3}}, 7.0);
-  f->setValue({{a, -1}, {b, -1}, {c, 2}}, 1.5);
-  f->setValue({{a, 0}, {b, 0}, {c, -1}}, 9.0);
-  f->setValue({{a, 0}, {b, 0}, {c, 1}}, 9.0);
-  Dense want(w.size());
-  for (size_t x = 0; x < want.size(); ++x) {
-    std::vector<unsigned> v = w.decode(x);
-    want[x] = v[2] == 1 ? kNA : v[2] == 2 ? 1.5 : v == std::vector<unsigned>{1, 2, 3} ? 7.0 : 0.0;
-  }
-  expectSame(expand(*f, w), want, "setValue");
 }
 
 TEST(ConfactorDeathTest, AssertionTexts) {

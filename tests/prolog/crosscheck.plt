@@ -9,12 +9,7 @@
 % the inference is exact for: a negated literal only in an event of two
 % rules, events of three or more rules only over one set of body atoms, and
 % no head that extends another.
-:- use_module('../../prolog/cplogic').
 :- use_module(test_support).
-:- use_module(library(plunit)).
-:- use_module(library(lists)).
-:- use_module(library(apply)).
-:- use_module(library(random)).
 
 % ---- Generator --------------------------------------------------------------
 

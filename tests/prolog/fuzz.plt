@@ -3,15 +3,7 @@
 % seed. Every case ends in an answer between 0 and 1 or an error term whose
 % message prints, a load error's naming the file and line; the session goes
 % on: the valid programs answer as before.
-:- use_module('../../prolog/cplogic').
 :- use_module(test_support).
-:- use_module(library(plunit)).
-:- use_module(library(lists)).
-:- use_module(library(apply)).
-:- use_module(library(random)).
-:- use_module(library(assoc)).
-:- use_module(library(pairs)).
-:- use_module(library(time)).
 
 cases(3000).
 

@@ -1,8 +1,5 @@
 % Creating, copying, freeing and collecting theory objects.
-:- use_module('../../prolog/cplogic').
 :- use_module(test_support).
-:- use_module(library(plunit)).
-:- use_module(library(lists)).
 
 small_theory(T) :-
     pelm_new(vorn_cp_theory, T),

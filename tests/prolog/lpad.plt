@@ -1,13 +1,7 @@
 % LPAD programs through prob/2,3,4: the example programs against hand-worked
 % values, the program errors, save-and-reload, and random programs against a
 % brute-force enumeration of their ground programs.
-:- use_module('../../prolog/cplogic').
 :- use_module(test_support).
-:- use_module(library(plunit)).
-:- use_module(library(lists)).
-:- use_module(library(apply)).
-:- use_module(library(random)).
-:- use_module(library(readutil)).
 
 :- dynamic example_loaded/1.
 

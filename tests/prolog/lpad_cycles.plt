@@ -1,12 +1,7 @@
 % Programs with positive cycles: random cyclic ground programs against an
 % enumeration of their worlds and least models, and negation in a cycle.
 % (Reachability over a graph with cycles: the graph example in lpad.plt.)
-:- use_module('../../prolog/cplogic').
 :- use_module(test_support).
-:- use_module(library(plunit)).
-:- use_module(library(lists)).
-:- use_module(library(apply)).
-:- use_module(library(random)).
 
 :- begin_tests(lpad_cycles).
 

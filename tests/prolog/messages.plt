@@ -1,10 +1,6 @@
 % Bad object IDs and bad arguments: each raises the ISO error that names the
 % argument, prints nothing, and leaves the theory as it was.
-:- use_module('../../prolog/cplogic').
 :- use_module(test_support).
-:- use_module(library(plunit)).
-:- use_module(library(lists)).
-:- use_module(library(readutil)).
 
 % Each predicate with arguments 2.. that are valid on their own.
 call_with_id(Id, Goal) :-

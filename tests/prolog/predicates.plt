@@ -1,9 +1,5 @@
 % The predicates against hand-worked numbers and the files they write.
-:- use_module('../../prolog/cplogic').
 :- use_module(test_support).
-:- use_module(library(plunit)).
-:- use_module(library(readutil)).
-:- use_module(library(lists)).
 
 file_text(Write, T, Text) :-
     tmp_file(out, File),

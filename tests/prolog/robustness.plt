@@ -3,15 +3,7 @@
 % million elements and terms nested a hundred thousand deep. Each call
 % succeeds, fails, or raises an ISO error term; nothing is printed; the
 % session goes on and the theory still answers.
-:- use_module('../../prolog/cplogic').
 :- use_module(test_support).
-:- use_module(library(plunit)).
-:- use_module(library(lists)).
-:- use_module(library(apply)).
-:- use_module(library(random)).
-:- use_module(library(time)).
-:- use_module(library(process)).
-:- use_module(library(readutil)).
 
 % Arguments that are valid in each position, to put around a malformed one.
 % Malformed events use head atoms hj(_) and body atoms bj(_) only, so they

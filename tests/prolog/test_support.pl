@@ -17,14 +17,11 @@
             reference_probability/4 % +Worlds, +Query, +Evidence, -P
           ]).
 
-:- use_module('../../prolog/cplogic').
-:- use_module(library(process)).
-:- use_module(library(readutil)).
+% What every test file uses: the library and the libraries of the tests.
+:- reexport(['../../prolog/cplogic', library(plunit), library(lists), library(apply),
+             library(random), library(readutil), library(process), library(time),
+             library(assoc), library(pairs)]).
 :- use_module(library(memfile)).
-:- use_module(library(lists)).
-:- use_module(library(apply)).
-:- use_module(library(assoc)).
-:- use_module(library(pairs)).
 
 :- meta_predicate capture_stderr(0, -), capture_output(0, -, -), in_temp_dir(0), raises(0, ?).
 
