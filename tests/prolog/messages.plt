@@ -4,21 +4,14 @@
 
 % Each predicate with arguments 2.. that are valid on their own.
 call_with_id(Id, Goal) :-
-    member(Goal0, [ vorn_cp_theory_set_settings(_, 1, 0, cf, cst, x),
-                    vorn_cp_theory_query_silent(_, a, [], _),
-                    vorn_cp_theory_print_graphviz(_, ''),
-                    vorn_cp_theory_query(_, a, [], _),
+    member(Goal0, [ vorn_cp_theory_set_settings(_, 1, 0, cf, cst, x), vorn_cp_theory_compile(_),
+                    vorn_cp_theory_query_silent(_, a, [], _), vorn_cp_theory_query(_, a, [], _),
+                    vorn_cp_theory_print_graphviz(_, ''), vorn_cp_theory_save(_, '/dev/null'),
                     vorn_cp_theory_add_ground_event(_, ground(0, [], [])),
-                    vorn_cp_theory_compile(_),
-                    vorn_cp_theory_atom_table_success(_, a),
-                    vorn_cp_theory_save(_, '/dev/null'),
-                    vorn_cp_theory_add_event(_, e([], [])),
-                    vorn_cp_theory_add_fo_event(_, 0, 0),
-                    vorn_cp_theory_atom_in_table(_, a, _),
-                    cplogic_prob(_, a, [], _),
-                    cplogic_hugin_net(_, a, ''),
-                    pelm_free(_), pelm_print(_), pelm_copy(_, _)
-                  ]),
+                    vorn_cp_theory_add_event(_, e([], [])), vorn_cp_theory_add_fo_event(_, 0, 0),
+                    vorn_cp_theory_atom_table_success(_, a), vorn_cp_theory_atom_in_table(_, a, _),
+                    cplogic_prob(_, a, [], _), cplogic_hugin_net(_, a, ''),
+                    pelm_free(_), pelm_print(_), pelm_copy(_, _) ]),
     Goal0 =.. [Name, _|Args],
     Goal =.. [Name, Id|Args].
 
