@@ -4,7 +4,6 @@
 // the greedy order, is reached.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <vector>
@@ -90,28 +89,6 @@ TEST(NetworkRanking, ReadySetHeaviestFirstTiesInInsertionOrder) {
   net.updateRanking();
   EXPECT_EQ(ranks(net), (std::map<std::string, int>{
                             {"a", 1}, {"b", 2}, {"m", 3}, {"n", 4}, {"z", 5}, {"c", 6}}));
-}
-
-// A prime ranks directly before its owner; atoms on a cycle keep rank 0
-// until the final numbering.
-TEST(NetworkRanking, PrimesAndCycles) {
-  ConfactorNetworkBase net;
-  std::map<std::string, Atom*> x;
-  for (const char* name : {"p", "q", "x", "y", "z"})
-    x[name] = net.addAtom(name);
-  for (auto edge : {"px", "qx", "xy", "yz", "zy"})
-    link(x[std::string(1, edge[0])], x[std::string(1, edge[1])]);
-  Atom* prime = x["x"]->createPrimeAtom();
-  net.atoms_[prime->name_] = prime;
-  net.updateTopologicalRanking();
-  EXPECT_EQ(ranks(net), (std::map<std::string, int>{
-                            {"p", 1}, {"q", 2}, {"x'", 3}, {"x", 4}, {"y", 0}, {"z", 0}}));
-  net.updateRanking();
-  std::vector<int> all;
-  for (auto& entry : ranks(net))
-    all.push_back(entry.second);
-  std::sort(all.begin(), all.end());
-  EXPECT_EQ(all, (std::vector<int>{1, 2, 3, 4, 5, 6}));
 }
 
 // A seed repeats the core's draws, and the core leaves the host's rand()
