@@ -19,8 +19,11 @@ void link(Atom* parent, Atom* child) {
   parent->addOutAtom(child);
 }
 
-TEST(AtomEdges, EdgesAreUniqueWeightedAndKeptInIdOrder) {
-  Atom c("c", 2), a("a", 2), b("b", 2), s("s", 2);
+// Edges are entered once and kept in id order; siblings exclude parents and
+// children. A prime is made once, keeps its owner's domain and weight, and
+// ranks directly before its owner.
+TEST(Atom, EdgesSiblingsAndPrimes) {
+  Atom c("c", 3), a("a", 2), b("b", 2), s("s", 2);
   link(&b, &c);
   link(&a, &c);
   link(&a, &c);  // repeated: no second entry, no second weight
@@ -35,30 +38,19 @@ TEST(AtomEdges, EdgesAreUniqueWeightedAndKeptInIdOrder) {
   EXPECT_EQ(c.sibling_, std::vector<Atom*>{&s});
   link(&c, &s);  // the sibling becomes a child and leaves the sibling list
   EXPECT_TRUE(c.sibling_.empty());
-  EXPECT_EQ(c.weight_, 6u);
   // Only an atom with several parents is factorised through a prime.
   EXPECT_TRUE(c.isMultFactorizable());
   EXPECT_FALSE(s.isMultFactorizable());
-}
-
-// A prime is made once, keeps its owner's domain and weight, and ranks
-// directly before its owner.
-TEST(AtomPrime, IsMadeOnceAndRanksBeforeItsOwner) {
-  Atom a("a", 3), b("b", 2);
-  link(&a, &b);
-  a.weight_ = 7;
-  Atom* prime = a.createPrimeAtom();
-  EXPECT_EQ(prime, a.createPrimeAtom());
-  EXPECT_EQ(prime->name_ + std::to_string(prime->domainsize_), "a'3");
+  Atom* prime = c.createPrimeAtom();
+  EXPECT_EQ(prime, c.createPrimeAtom());
+  EXPECT_EQ(prime->name_ + std::to_string(prime->domainsize_), "c'3");
   EXPECT_TRUE(prime->prime_);
-  EXPECT_EQ(prime->in_, std::vector<Atom*>{&a});
-  EXPECT_EQ(prime->out_, std::vector<Atom*>{&a});
-  EXPECT_EQ(prime->weight_, 7u);
-  EXPECT_TRUE(a.in_.empty());  // no reverse edges on the owner
-  EXPECT_EQ(b.setRank(3), 1);
-  EXPECT_EQ(a.setRank(5), 2);
+  EXPECT_EQ(prime->out_, std::vector<Atom*>{&c});
+  EXPECT_EQ(prime->weight_, 6u);
+  EXPECT_EQ(s.setRank(3), 1);
+  EXPECT_EQ(c.setRank(5), 2);
   EXPECT_EQ(prime->rank_, 5);
-  EXPECT_EQ(a.rank_, 6);
+  EXPECT_EQ(c.rank_, 6);
 }
 
 std::map<std::string, int> ranks(ConfactorNetworkBase& net) {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <numeric>
 #include <random>
 
 #include "completeconfactorset.h"
@@ -128,8 +129,7 @@ Model randomModel(unsigned seed, bool contextual) {
 
 std::vector<int> shuffledRanks(size_t n, unsigned seed) {
   std::vector<int> ranks(n);
-  for (size_t i = 0; i < n; ++i)
-    ranks[i] = i + 1;
+  std::iota(ranks.begin(), ranks.end(), 1);
   std::shuffle(ranks.begin(), ranks.end(), std::mt19937(seed));
   return ranks;
 }
@@ -137,7 +137,7 @@ std::vector<int> shuffledRanks(size_t n, unsigned seed) {
 // The model's atoms, ranked by a permutation, and its pieces as confactors.
 struct EngineModel {
   std::vector<std::unique_ptr<Atom>> atoms;
-  std::vector<Confactor*> confactors;  // owned until handed to an engine
+  std::vector<std::unique_ptr<Confactor>> confactors;  // an engine gets copies
 
   // ranks[i] is atom i's rank, and so its place in the elimination order.
   EngineModel(const Model& m, const std::vector<int>& ranks) {
@@ -146,11 +146,7 @@ struct EngineModel {
       atoms.back()->rank_ = ranks[i];  // before any confactor sorts its entries
     }
     for (const Piece& p : m.pieces)
-      confactors.push_back(build(m, p));
-  }
-  ~EngineModel() {
-    for (Confactor* c : confactors)
-      delete c;
+      confactors.emplace_back(build(m, p));
   }
 
   Confactor* build(const Model& m, const Piece& p) {
@@ -186,7 +182,7 @@ struct EngineModel {
   std::vector<double> run(int q, bool tree, bool suspend = false) {
     CVE cve;
     cve.use_complete_set_tree_ = tree;
-    for (Confactor* c : confactors)
+    for (auto& c : confactors)
       cve.addFactor(new Confactor(*c));
     for (auto& a : atoms)
       cve.addAtom(a.get());
@@ -212,10 +208,9 @@ void expectMarginal(const std::vector<double>& got, const std::vector<double>& j
     EXPECT_NEAR(got[v], joint[v] / total, 1e-9) << v;
 }
 
-// Both variants (the list variant with and without factoring out a shared
-// context, the tree variant also stepped through queryWithSuspend), three
-// elimination orders and a third of the atoms as queries per
-// network, against enumeration of all worlds.
+// Both variants (the tree variant also stepped through queryWithSuspend),
+// three elimination orders and a third of the atoms as queries per network,
+// against enumeration of all worlds.
 TEST(CVEReference, MarginalsMatchEnumeration) {
   for (bool contextual : {false, true}) {
     for (unsigned seed = 1; seed <= 20; ++seed) {

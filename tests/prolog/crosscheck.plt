@@ -97,11 +97,9 @@ module_answer(Rules, Method, Elimination, Query, Evidence, P) :-
     pelm_new(vorn_cp_theory, T),
     vorn_cp_theory_set_settings(T, 1, 0, Method, Elimination, x),
     forall(member(rule(Head, Body), Rules),
-           ( findall(h(A, Q), member(A-Q, Head), H),
-             vorn_cp_theory_add_event(T, e(H, Body)) )),
+           ( findall(h(A, Q), member(A-Q, Head), H), vorn_cp_theory_add_event(T, e(H, Body)) )),
     catch(cplogic_prob(T, Query, Evidence, P),
-          error(cplogic_error(contradictory_evidence(Evidence), evidence), _),
-          P = contradictory),
+          error(cplogic_error(contradictory_evidence(Evidence), evidence), _), P = contradictory),
     pelm_free(T).
 
 random_question(N, Query, Evidence) :-
@@ -126,7 +124,7 @@ mismatch(Rules, N, Mismatch) :-
     member(Method, [cf, tables, cpts, cfme]),
     member(Elimination, [cst, absorption]),
     module_answer(Rules, Method, Elimination, Query, Evidence, P),
-    \+ ( number(P), number(Expected), abs(P - Expected) =< 1.0e-6 ),
+    \+ ( number(P), number(Expected), abs(P - Expected) =< 1.0e-9 ),
     P \== Expected,
     Mismatch = mismatch(Method, Elimination, Query, Evidence, P, Expected, Rules).
 

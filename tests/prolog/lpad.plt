@@ -82,7 +82,9 @@ test(bad_clauses) :-
     forall(member(Text-Culprit, [ "a:foo.\n"-bad_probability(foo),
                                   "a:(-0.2).\n"-negative_probability(_),
                                   "3:0.5.\n"-bad_head(3),
-                                  "a:0.6 ; b:0.5.\n"-probabilities_above_one(_) ]),
+                                  "a:0.6 ; b:0.5.\n"-probabilities_above_one(_),
+                                  "query(3).\n"-bad_directive(query(3)),
+                                  "evidence(a, maybe).\n"-bad_evidence_value(_) ]),
            ( error_culprit(load_text(err_m, Text), C), subsumes_term(Culprit, C) )),
     err_m:prob(a, P),
     P =:= 0.5,
@@ -121,13 +123,17 @@ test(nonground) :-
     catch(err_g:prob(n, _), error(cplogic_error(C3, _:2), _), true),
     C3 = meta_call(_).
 
-% P(evidence) = 0 raises, naming the evidence as written; evidence of tiny
+% P(evidence) = 0 raises, naming the evidence as written, as do a query or
+% evidence that is no goal and a module without a program; evidence of tiny
 % probability is evidence, and the query atom may be observed.
 test(evidence) :-
     load_text(err_e, "a:0.5.\nb :- a.\np(1):0.5 ; p(2):0.5.\nrare:1e-13.\nq:0.5 :- \\+ rare.\n"),
-    forall(member(E, [[b, \+ b], [b, \+ a], [p(1), p(2)]]),
-           ( error_culprit(err_e:prob(a, E, _), C),
-             C == contradictory_evidence(E) )),
+    forall(member(Goal-Culprit, [ err_e:prob(a, [b, \+ b], _)-contradictory_evidence([b, \+ b]),
+                                  err_e:prob(a, [b, \+ a], _)-contradictory_evidence([b, \+ a]),
+                                  err_e:prob(a, [p(1), p(2)], _)-contradictory_evidence([p(1), p(2)]),
+                                  err_e:prob(3, _)-bad_query(3), err_e:prob(a, [3], _)-bad_evidence(3),
+                                  no_lpad_m:prob(a, _)-no_program(no_lpad_m) ]),
+           ( error_culprit(Goal, C), assertion(C == Culprit) )),
     forall(member(Q-E-Expected, [ a-[\+ b]-0.0, q-[rare]-0.0, rare-[rare]-1.0,
                                   q-[\+ rare]-0.5, b-[a, b]-1.0, p(2)-[\+ p(1)]-1.0 ]),
            ( err_e:prob(Q, E, P), abs(P - Expected) < 1.0e-12 )),
