@@ -19,7 +19,6 @@
 
 namespace {
 
-// ---------------------------------------------------------------------------
 // Reference semantics, independent of the engine: every ground rule whose body
 // holds picks one head atom (or none) on its own; a world is what the picks
 // make true. Rules are taken in an order where their body atoms are final.
@@ -128,7 +127,6 @@ RefTheory parse(const std::string& text, std::vector<std::string>& names) {
   return t;
 }
 
-// ---------------------------------------------------------------------------
 // The same theory handed to the system.
 
 struct Config {
@@ -200,7 +198,6 @@ double probTrue(CPTheory& theory, const std::string& q,
   return result->values_.at(1);
 }
 
-// ---------------------------------------------------------------------------
 // Random acyclic ground theories: a rule's body atoms come after its head atoms.
 
 RefTheory randomTheory(std::mt19937& rng) {
@@ -383,7 +380,6 @@ TEST(CPTheoryLimits, StoppedQueriesLeaveTheTheoryExact) {
   }
 }
 
-// ---------------------------------------------------------------------------
 // Hand-worked numbers, in the reference and under every setting: classics
 // written as rules that share heads, and theories on which a literal reading
 // of the event rules gave wrong numbers (negated literals of single rules,
@@ -475,7 +471,6 @@ TEST(CPTheoryHandWorked, ExactInTheReferenceAndUnderEverySetting) {
   }
 }
 
-// ---------------------------------------------------------------------------
 // Theory behaviour.
 
 TEST(CPTheoryQueries, UnknownUncausedAndLateAtoms) {
@@ -522,7 +517,6 @@ TEST(CPTheoryQueries, ProbabilitiesBelowTheDoublesAreZeroOrAnError) {
   EXPECT_THROW(t->jointProbabilities(nullptr, {{t->getAtom("a1200"), 1}}), ProbabilityUnderflow);
 }
 
-// ---------------------------------------------------------------------------
 // Text outputs, on fresh numbering so that ids and event names do not depend
 // on the tests that ran before. Graphviz: parent -> choice variable -> head
 // atoms, atoms with a prime (b's event C2 has two parents; C3 and C4 share

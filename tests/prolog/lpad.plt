@@ -67,10 +67,6 @@ test(examples) :-
 
 :- end_tests(lpad_examples).
 
-                 /*******************************
-                 *            ERRORS            *
-                 *******************************/
-
 error_culprit(Goal, Culprit) :-
     catch(( Goal, Culprit = none ), error(cplogic_error(C, _), _), Culprit = C).
 
@@ -143,10 +139,6 @@ test(evidence) :-
 
 :- end_tests(lpad_errors).
 
-                 /*******************************
-                 *        SAVE AND RELOAD       *
-                 *******************************/
-
 :- begin_tests(lpad_save).
 
 % Saved theories (atom names quoted, rules with negation) load back and give
@@ -182,10 +174,6 @@ test(saved_auxiliary_names_stay_apart) :-
     abs(P - 0.42) < 1.0e-12.
 
 :- end_tests(lpad_save).
-
-                 /*******************************
-                 *     TABLES AND DEEP PROGRAMS  *
-                 *******************************/
 
 :- table user_tabled/1.
 user_tabled(X) :- member(X, [1, 2]).
@@ -227,10 +215,6 @@ test(deep_chain_in_a_small_stack) :-
 
 :- end_tests(lpad_grounding).
 
-                 /*******************************
-                 *    RANDOM PROGRAMS, ORACLE   *
-                 *******************************/
-
 % Random programs over predicates p0..p3 of arity 0-2 and constants c1..c3,
 % queried for atoms and for goals (conjunction with a negation,
 % disjunction, a head with its variables open).
@@ -239,21 +223,17 @@ test(deep_chain_in_a_small_stack) :-
 % with dom/1 and may filter with arithmetic through val/2.
 
 dom(X) :- member(X, [c1, c2, c3]).
-val(c1, 1).
-val(c2, 2).
-val(c3, 3).
+val(c1, 1). val(c2, 2). val(c3, 3).
 
 random_program(Clauses) :-
     random_between(2, 4, NP),
-    Last is NP - 1,
-    numlist(0, Last, Is),
+    Last is NP - 1, numlist(0, Last, Is),
     maplist([I, p(I, A)]>>random_between(0, 1, A), Is, Preds),
     foldl(pred_clauses(Preds), Preds, [], Clauses).
 
 pred_clauses(Preds, p(I, Ar), Acc, Clauses) :-
     random_between(1, 2, N),
-    length(New, N),
-    maplist(random_clause(Preds, I, Ar), New),
+    length(New, N), maplist(random_clause(Preds, I, Ar), New),
     append(Acc, New, Clauses).
 
 random_clause(Preds, I, Ar, (Head :- Body)) :-
@@ -284,8 +264,7 @@ head_for(I, HVars, _, Atom:_) :-
 
 random_probs(Heads0, Heads) :-
     length(Heads0, N),
-    random(R),
-    Total is 0.5 + 0.5 * R,
+    random(R), Total is 0.5 + 0.5 * R,
     maplist({Total, N}/[A:_, A:P]>>(random(X), P is Total * (0.2 + 0.8 * X) / N), Heads0, Heads).
 
 head_disj([H], H) :- !.
@@ -323,10 +302,7 @@ ground_rule((Head :- Body), rule(Level, Heads, Lits)) :-
     partition(program_literal, Goals, Lits0, Calls),
     maplist(call, Calls),
     head_list(H, Heads),
-    Heads = [A-_ | _],
-    functor(A, Name, _),
-    atom_concat(p, LA, Name),
-    atom_number(LA, Level),
+    Heads = [A-_ | _], functor(A, Name, _), atom_concat(p, LA, Name), atom_number(LA, Level),
     sort(Lits0, Lits).
 
 program_literal(\+ G) :- !, program_literal(G).
@@ -359,19 +335,16 @@ check_random_program(Seed, Compared) :-
     set_random(seed(Seed)),
     random_program(Clauses),
     ground_program(Clauses, Rules),
-    length(Rules, NR),
-    (   NR > 14
+    (   length(Rules, NR), NR > 14
     ->  Compared = false
     ;   tmp_file(rprog, File),
         write_program(File, Clauses),
         rand_m:lpad_load(File),
-        random_ground_atom(Clauses, Q1),
-        random_ground_atom(Clauses, Q2),
+        random_ground_atom(Clauses, Q1), random_ground_atom(Clauses, Q2),
         random_head(Clauses, Pattern),
         random_member(Q, [Q1, Q1, (Q1, \+ Q2), (Q1 ; Q2), Pattern]),
         random_between(0, 2, NE),
-        length(EAtoms, NE),
-        maplist(random_ground_atom(Clauses), EAtoms),
+        length(EAtoms, NE), maplist(random_ground_atom(Clauses), EAtoms),
         maplist([A, L]>>( maybe(0.5) -> L = A ; L = (\+ A) ), EAtoms, E),
         Compared = true,
         reference_worlds(Rules, Worlds),

@@ -1,13 +1,9 @@
 % Programs with positive cycles: random cyclic ground programs against an
-% enumeration of their worlds and least models, and negation in a cycle.
-% (Reachability over a graph with cycles: the graph example in lpad.plt.)
+% enumeration of their worlds and least models, reachability written three
+% ways over a hand-worked graph, and negation in a cycle.
 :- use_module(test_support).
 
 :- begin_tests(lpad_cycles).
-
-                 /*******************************
-                 *    RANDOM CYCLIC PROGRAMS    *
-                 *******************************/
 
 % Ground programs over a1..a4 (rules with one or two head atoms, bodies of up
 % to two atoms, so cycles, self-loops and non-linear recursion) and facts
@@ -67,10 +63,6 @@ check_random_program(Seed) :-
 test(random_cyclic_programs_match_worlds) :-
     forall(between(1, 300, Seed), check_random_program(Seed)).
 
-                 /*******************************
-                 *       FIRST-ORDER CYCLES     *
-                 *******************************/
-
 % Reachability written with right, left and double recursion, over cycles
 % a -> b -> c -> a and b -> d -> b, with d reached from b directly or
 % through c: P(path(a, d)) = 0.6 * (1 - 0.5 * (1 - 0.7 * 0.3)).
@@ -85,10 +77,6 @@ test(recursion_forms) :-
                     ( rec_m:prob_all(path(From, _), Got),
                       maplist([_-P, Q]>>assertion(near(P, Q)), Got,
                               [Start*0.7*0.8, Start, Start*0.7, Start*Pd]) )) )).
-
-                 /*******************************
-                 *      NEGATION AND CYCLES     *
-                 *******************************/
 
 % Negation of a recursive predicate from outside its cycle is stratified:
 % P(unreached(c)) = 1 - P(reach(c)). Inside a cycle it is an error that

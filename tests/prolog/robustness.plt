@@ -41,15 +41,9 @@ fixed(T) :- nested(100000, list, T).
 fixed(e([h(T, 0.5)], [])) :- nested(100000, f, T).
 fixed([e(T, 1)]) :- nested(100000, list, T).
 
-nested(N, Kind, T) :-
-    nested(N, Kind, a, T).
-nested(N, Kind, T0, T) :-
-    (   N =:= 0
-    ->  T = T0
-    ;   N1 is N - 1,
-        wrap(Kind, T0, T1),
-        nested(N1, Kind, T1, T)
-    ).
+nested(N, Kind, T) :- nested(N, Kind, a, T).
+nested(0, _, T, T) :- !.
+nested(N, Kind, T0, T) :- N1 is N - 1, wrap(Kind, T0, T1), nested(N1, Kind, T1, T).
 
 wrap(f, T, f(T)).
 wrap(list, T, [T]).
@@ -57,10 +51,7 @@ wrap(list, T, [T]).
 % Random malformed values, built from the kinds above.
 junk(0, T) :- !,
     random_member(T, [_, 0.25, "text", 7, -1, 4294967296, hj(9), bj(9), [], '', j]).
-junk(D, T) :-
-    D1 is D - 1,
-    random_between(0, 8, K),
-    junk(K, D1, T).
+junk(D, T) :- D1 is D - 1, random_between(0, 8, K), junk(K, D1, T).
 junk(0, D, T) :- junk(0, T0), ( D > 0 -> junk(D, T1) ; T1 = T0 ), T = f(T0, T1).
 junk(1, D, [H|T]) :- junk(D, H), junk(D, T).
 junk(2, D, L) :- junk(D, H), L = [H|L].
@@ -145,17 +136,12 @@ cylinder(W, L, T) :-
 
 :- dynamic tall_cylinder/1.
 
-tall(T) :-
-    (   tall_cylinder(T) -> true
-    ;   cylinder(10, 4000, T), assertz(tall_cylinder(T))
-    ).
+tall(T) :- tall_cylinder(T) -> true ; cylinder(10, 4000, T), assertz(tall_cylinder(T)).
 
-long_query(T) :-
-    cplogic_prob(T, g(4000, 1), [e(g(0, 1), 1)], _).
+long_query(T) :- cplogic_prob(T, g(4000, 1), [e(g(0, 1), 1)], _).
 
 % The same small query before and after whatever stopped a long one.
-small_query(T, P) :-
-    cplogic_prob(T, g(3, 1), [e(g(0, 1), 1)], P).
+small_query(T, P) :- cplogic_prob(T, g(3, 1), [e(g(0, 1), 1)], P).
 
 :- begin_tests(limits).
 
