@@ -211,22 +211,18 @@ test(written_files) :-
 % event or another, are rules of their own.
 test(groundings) :-
     pelm_new(vorn_cp_theory, T),
-    vorn_cp_theory_add_fo_event(T, 0, 2),
-    vorn_cp_theory_add_fo_event(T, 1, 1),
-    vorn_cp_theory_add_fo_event(T, 2, 2),
-    vorn_cp_theory_add_ground_event(T, ground(1, [h(b(1), 0.4)], [])),
-    vorn_cp_theory_add_ground_event(T, ground(1, [h(b(2), 0.4)], [])),
-    vorn_cp_theory_add_ground_event(T, ground(0, [h(a(1), 0.5)], [b(1)])),
-    capture_output(( vorn_cp_theory_add_ground_event(T, ground(0, [h(a(1), 0.5)], [b(1)])),
-                     vorn_cp_theory_add_ground_event(T, ground(0, [h(a(1), 0.5)], [\+ b(1)])),
-                     vorn_cp_theory_add_ground_event(T, ground(1, [h(b(1), 0.4)], []))
-                   ), Out, Err),
+    forall(member(K-N, [0-2, 1-1, 2-2]), vorn_cp_theory_add_fo_event(T, K, N)),
+    G = vorn_cp_theory_add_ground_event(T),
+    maplist(G, [ground(1, [h(b(1), 0.4)], []), ground(1, [h(b(2), 0.4)], []),
+                ground(0, [h(a(1), 0.5)], [b(1)])]),
+    capture_output(maplist(G, [ground(0, [h(a(1), 0.5)], [b(1)]),
+                               ground(0, [h(a(1), 0.5)], [\+ b(1)]),
+                               ground(1, [h(b(1), 0.4)], [])]), Out, Err),
     assertion(Out-Err == ""-""),
     cplogic_prob(T, a(1), [], P1),
     assertion(near(P1, 0.2)),
-    vorn_cp_theory_add_ground_event(T, ground(0, [h(a(1), 0.5)], [b(2)])),
-    vorn_cp_theory_add_ground_event(T, ground(2, [h(a(1), 0.5)], [b(1)])),
-    vorn_cp_theory_add_ground_event(T, ground(0, [h(a(1), 0.5)], ['b(1)'])),
+    maplist(G, [ground(0, [h(a(1), 0.5)], [b(2)]), ground(2, [h(a(1), 0.5)], [b(1)]),
+                ground(0, [h(a(1), 0.5)], ['b(1)'])]),
     cplogic_prob(T, a(1), [], P2),
     % a(1) from b(1) twice (two events), from b(2) once
     assertion(near(P2, 1 - (0.6 + 0.4*0.25)*(0.6 + 0.4*0.5))).

@@ -197,20 +197,14 @@ test(sandboxed_block_file) :-
     prob(safe_m:f(bob), P),
     assertion(near(P, 0.4)).
 
-:- end_tests(safe_mode).
-
-% lpad_load/3 in safe mode, and a consulted file. (lpad_load/1's errors name
-% their file and line: fuzz.plt.)
-:- begin_tests(lpad_load_reading).
-
+% lpad_load/3 in safe mode. (lpad_load/1's errors name their file and line:
+% fuzz.plt.)
 test(safe_mode_refuses_shell) :-
     in_temp_dir(( file_with('sh.pl', "a:0.5.\nb:0.5 :- a, shell(Cmd).\n", F),
                   catch(lpad_load(F, safe_load, [safe(true)]), E, true) )),
-    assertion(E = error(cplogic_error(unsafe_goal(_, _), F:2), _)),
+    assertion(message_names(E, F, 2)),
     message_text(E, Text),
-    format(string(Start), "~w:2: body goal shell(Cmd) is refused", [F]),
-    assertion(sub_string(Text, 0, _, _, Start)),
-    assertion(sub_string(Text, _, _, _, "shell/2")),
+    assertion(sub_string(Text, _, _, _, "body goal shell(Cmd) is refused in safe mode: it calls shell/2")),
     assertion(\+ catch(prob(safe_load:a, _), _, fail)).
 
 % Consulted: the second block is refused where it starts.
@@ -221,4 +215,4 @@ test(second_block_in_consulted_file) :-
     prob(two_m:a, P),
     assertion(near(P, 0.5)).
 
-:- end_tests(lpad_load_reading).
+:- end_tests(safe_mode).
