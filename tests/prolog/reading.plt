@@ -31,16 +31,14 @@ file_case('latin1.pl', "a:0.5.\n% caf\xe9\\nb:0.2.\n",
           cplogic_error(not_text(invalid_utf8), _), 2).
 file_case('binary.pl', [0x7f, 0'E, 0'L, 0'F, 2, 1, 1, 0, 0, 0, 3, 0, 0'>, 0'\n],
           cplogic_error(not_text(_), _), 1).
-file_case('comment_first.pl', "% a program\na:0.5.\nb :- ( .\n",
-          syntax_error(_), 3).
+file_case('comment_first.pl', "% a program\na:0.5.\nb :- ( .\n", syntax_error(_), 3).
 file_case('saved_bad.pl', "% theory\n(p) a:0.5 :- true.\n(p) hello world:0.5 :- true.\n",
           syntax_error(_), 3).
 
 make_case(Name, none, Path) :- absolute_file_name(Name, Path).
 make_case(Name, directory, Path) :- make_directory(Name), absolute_file_name(Name, Path).
 make_case(Name, fifo, Path) :-
-    process_create(path(mkfifo), [Name], []),
-    absolute_file_name(Name, Path).
+    process_create(path(mkfifo), [Name], []), absolute_file_name(Name, Path).
 make_case(Name, Text, Path) :- \+ atom(Text), file_with(Name, Text, Path).
 
 % Nothing is printed on the way, not even the bad bytes.
@@ -91,18 +89,13 @@ test(long_program_in_small_stack) :-
                                             format(S, "p(c~d, d~d):0.5.~n", [I, I])),
                                      close(S)),
                   absolute_file_name('long.pl', F),
-                  thread_create(( read_program(F, count_clause, []),
-                                  nb_getval(read_count, 300000) ),
+                  thread_create(( read_program(F, [_, _]>>flag(read_count, N, N + 1), []),
+                                  flag(read_count, 300000, 0) ),
                                 Id, [stack_limit(8 000 000)]),
                   thread_join(Id, Status) )),
     assertion(Status == true).
 
 :- end_tests(reading_clauses).
-
-count_clause(_, _) :-
-    (   nb_current(read_count, N0) -> true ; N0 = 0 ),
-    N is N0 + 1,
-    nb_setval(read_count, N).
 
 :- begin_tests(reading_modes).
 
