@@ -10,34 +10,21 @@ cases(3000).
 % program(Text, Queries): Queries = [Query-Evidence, ...].
 program("sneezing(X):0.7 ; null:0.3 :- flu(X).
 sneezing(X):0.6 :- hay_fever(X).
-flu(bob):0.4.
-hay_fever(bob):0.2.
-",
-        [sneezing(bob)-[], flu(bob)-[sneezing(bob)]]).
-program("burglary:0.1.
-earthquake:0.2.
-alarm:0.9 :- burglary.
-alarm:0.4 :- earthquake.
-calls(john):0.8 :- alarm.
-calls(john):1/20 :- \\+ alarm.
-",
-        [alarm-[], burglary-[calls(john)], calls(john)-[\+ earthquake]]).
-program("edge(a, b):0.6.
-edge(b, c):0.7.
-edge(a, c):0.2 ; edge(c, d):0.3.
-path(X, Y) :- edge(X, Y).
-path(X, Y) :- edge(X, Z), path(Z, Y).
+flu(bob):0.4. hay_fever(bob):0.2.
+", [sneezing(bob)-[], flu(bob)-[sneezing(bob)]]).
+program("burglary:0.1. earthquake:0.2.
+alarm:0.9 :- burglary. alarm:0.4 :- earthquake.
+calls(john):0.8 :- alarm. calls(john):1/20 :- \\+ alarm.
+", [alarm-[], burglary-[calls(john)], calls(john)-[\+ earthquake]]).
+program("edge(a, b):0.6. edge(b, c):0.7. edge(a, c):0.2 ; edge(c, d):0.3.
+path(X, Y) :- edge(X, Y). path(X, Y) :- edge(X, Z), path(Z, Y).
 reach(X):0.9 :- member(X, [b, c, d]), path(a, X), X \\== a.
 size(N):0.5 :- between(1, 3, N), N * 2 > 3.
-",
-        [path(a, c)-[], reach(d)-[edge(a, b)], size(2)-[]]).
+", [path(a, c)-[], reach(d)-[edge(a, b)], size(2)-[]]).
 program("heads(C):0.5 ; tails(C):0.5 :- toss(C).
-toss(c1).
-toss(c2):0.9.
-two :- heads(c1), heads(c2).
-one :- heads(c1), \\+ heads(c2).
-",
-        [two-[], one-[\+ two], tails(c2)-[]]).
+toss(c1). toss(c2):0.9.
+two :- heads(c1), heads(c2). one :- heads(c1), \\+ heads(c2).
+", [two-[], one-[\+ two], tails(c2)-[]]).
 
 swap_ops([":-", ",", ";", ":", "\\+", "is", "=", "<", "*", "-", "/", "::", "->", "|", ".", "(", ")"]).
 extreme_numbers(["1.0e308", "-1.0e308", "1.0e-320", "0", "-0.0", "-1", "2", "nan", "inf",

@@ -62,11 +62,7 @@ junk(6, D, [e(A, V)]) :- junk(D, A), junk(D, V).
 junk(7, D, \+ X) :- junk(D, X).
 junk(8, D, T) :- junk(0, T0), junk(D, T1), T = [T0|T1].
 
-% A predicate with a malformed value in position Position.
-malformed_call(T, Goal, Value, Position) :-
-    predicate(Template),
-    malformed_call(Template, T, Goal, Value, Position).
-
+% A predicate on theory T with a malformed value in position Position.
 malformed_call(Template, T, Goal, Value, Position) :-
     Template =.. [Name, _|Args],
     Goal0 =.. [Name, T|Args],
@@ -101,10 +97,10 @@ test(malformed_arguments) :-
           vorn_cp_theory_add_fo_event(T, 0, 2),
           set_random(seed(7)),
           capture_stderr(
-              ( forall(( fixed(V), malformed_call(T, Goal, V, _) ), call_quietly(Goal)),
+              ( forall(( fixed(V), predicate(Template), malformed_call(Template, T, Goal, V, _) ),
+                       call_quietly(Goal)),
                 forall(( predicate(Template), between(1, 1000, _) ),
-                       ( random_between(0, 4, D),
-                         junk(D, V),
+                       ( random_between(0, 4, D), junk(D, V),
                          findall(G-P, malformed_call(Template, T, G, V, P), Calls),
                          random_member(Goal-_, Calls),
                          call_quietly(Goal) ))
