@@ -14,7 +14,6 @@
 #include <sstream>
 
 #include "confactor.h"
-#include "cve.h"
 #include "querylimits.h"
 
 namespace {
@@ -215,15 +214,14 @@ RefTheory randomTheory(std::mt19937& rng) {
     return pool;
   };
   auto makeHead = [&](int maxHead) {
-    std::vector<int> pool = pick(0, maxHead, 1, 4);
-    double mass = real() < 0.3 ? 1.0 : 0.2 + 0.8 * real();
-    std::vector<double> w(pool.size());
-    double sum = 0;
-    for (double& x : w)
-      sum += (x = 0.1 + real());
     std::vector<std::pair<int, double>> head;
-    for (size_t i = 0; i < pool.size(); ++i)
-      head.emplace_back(pool[i], w[i] / sum * mass);
+    for (int a : pick(0, maxHead, 1, 4))
+      head.emplace_back(a, 0.0);
+    double mass = real() < 0.3 ? 1.0 : 0.2 + 0.8 * real(), sum = 0;
+    for (auto& h : head)
+      sum += (h.second = 0.1 + real());
+    for (auto& h : head)
+      h.second = h.second / sum * mass;
     return head;
   };
   auto randomBody = [&](int from) {
