@@ -3,59 +3,34 @@
 % seed. Every case ends in an answer between 0 and 1 or an error term whose
 % message prints, a load error's naming the file and line; the session goes
 % on: the valid programs answer as before.
-:- use_module('../../prolog/cplogic').
 :- use_module(test_support).
-:- use_module(library(plunit)).
-:- use_module(library(lists)).
-:- use_module(library(apply)).
-:- use_module(library(random)).
-:- use_module(library(assoc)).
-:- use_module(library(pairs)).
-:- use_module(library(time)).
 
 cases(3000).
 
 % program(Text, Queries): Queries = [Query-Evidence, ...].
 program("sneezing(X):0.7 ; null:0.3 :- flu(X).
 sneezing(X):0.6 :- hay_fever(X).
-flu(bob):0.4.
-hay_fever(bob):0.2.
-",
-        [sneezing(bob)-[], flu(bob)-[sneezing(bob)]]).
-program("burglary:0.1.
-earthquake:0.2.
-alarm:0.9 :- burglary.
-alarm:0.4 :- earthquake.
-calls(john):0.8 :- alarm.
-calls(john):1/20 :- \\+ alarm.
-",
-        [alarm-[], burglary-[calls(john)], calls(john)-[\+ earthquake]]).
-program("edge(a, b):0.6.
-edge(b, c):0.7.
-edge(a, c):0.2 ; edge(c, d):0.3.
-path(X, Y) :- edge(X, Y).
-path(X, Y) :- edge(X, Z), path(Z, Y).
+flu(bob):0.4. hay_fever(bob):0.2.
+", [sneezing(bob)-[], flu(bob)-[sneezing(bob)]]).
+program("burglary:0.1. earthquake:0.2.
+alarm:0.9 :- burglary. alarm:0.4 :- earthquake.
+calls(john):0.8 :- alarm. calls(john):1/20 :- \\+ alarm.
+", [alarm-[], burglary-[calls(john)], calls(john)-[\+ earthquake]]).
+program("edge(a, b):0.6. edge(b, c):0.7. edge(a, c):0.2 ; edge(c, d):0.3.
+path(X, Y) :- edge(X, Y). path(X, Y) :- edge(X, Z), path(Z, Y).
 reach(X):0.9 :- member(X, [b, c, d]), path(a, X), X \\== a.
 size(N):0.5 :- between(1, 3, N), N * 2 > 3.
-",
-        [path(a, c)-[], reach(d)-[edge(a, b)], size(2)-[]]).
+", [path(a, c)-[], reach(d)-[edge(a, b)], size(2)-[]]).
 program("heads(C):0.5 ; tails(C):0.5 :- toss(C).
-toss(c1).
-toss(c2):0.9.
-two :- heads(c1), heads(c2).
-one :- heads(c1), \\+ heads(c2).
-",
-        [two-[], one-[\+ two], tails(c2)-[]]).
+toss(c1). toss(c2):0.9.
+two :- heads(c1), heads(c2). one :- heads(c1), \\+ heads(c2).
+", [two-[], one-[\+ two], tails(c2)-[]]).
 
 swap_ops([":-", ",", ";", ":", "\\+", "is", "=", "<", "*", "-", "/", "::", "->", "|", ".", "(", ")"]).
 extreme_numbers(["1.0e308", "-1.0e308", "1.0e-320", "0", "-0.0", "-1", "2", "nan", "inf",
                  "-inf", "1.5NaN", "1.0Inf", "123456789012345678901234567890",
                  "0.5e", "0x7fffffffffffffff", "1r3", "0'a", "1.0e400", "1/0", "0/0"]).
 deep_depths([50, 2000, 12000]).     % the theory's limit is 10,000 levels
-
-                 /*******************************
-                 *           MUTATIONS          *
-                 *******************************/
 
 % spans(+Text, -Spans): Spans = [span(Kind, From, To), ...], disjoint, of
 % the tokens of Text: leaf (atom, variable, string), number, op (an
@@ -99,15 +74,13 @@ mutate(Text, Mutated) :-
     spans(Text, Spans),
     random_permutation(Spans, Shuffled),
     random_between(1, 3, K),
-    length(Chosen, K),
-    append(Chosen, _, Shuffled),
+    length(Chosen, K), append(Chosen, _, Shuffled),
     sort(2, @>=, Chosen, RightToLeft),
     foldl(apply_mutation, RightToLeft, Text, Mutated).
 
 apply_mutation(span(Kind, F, T), Text0, Text) :-
     replacement(Kind, New),
-    sub_string(Text0, 0, F, _, Before),
-    sub_string(Text0, T, _, 0, After),
+    sub_string(Text0, 0, F, _, Before), sub_string(Text0, T, _, 0, After),
     atomics_to_string([Before, New, After], Text).
 
 replacement(Kind, New) :-
@@ -116,8 +89,7 @@ replacement(Kind, New) :-
 
 replacement(1, _, "").                          % a deleted token
 replacement(2, _, New) :-                       % an operator in its place
-    swap_ops(Ops),
-    random_member(Op, Ops),
+    swap_ops(Ops), random_member(Op, Ops),
     atomics_to_string([" ", Op, " "], New).
 replacement(3, Kind, New) :-
     (   Kind == number
@@ -126,8 +98,7 @@ replacement(3, Kind, New) :-
     ).
 replacement(4, Kind, New) :-
     (   memberchk(Kind, [leaf, number])
-    ->  deep_depths(Ds),
-        random_member(D, Ds),
+    ->  deep_depths(Ds), random_member(D, Ds),
         random_member(Shape, [compound, negation, list]),
         deep_text(Shape, D, New)
     ;   replacement(2, Kind, New)
@@ -137,20 +108,12 @@ deep_text(compound, D, Text) :-
     repeated("f(", D, Open), repeated(")", D, Close),
     atomics_to_string([Open, "a", Close], Text).
 deep_text(negation, D, Text) :-
-    repeated("\\+ ", D, Negs),
-    atomics_to_string([Negs, "a"], Text).
+    repeated("\\+ ", D, Negs), atomics_to_string([Negs, "a"], Text).
 deep_text(list, D, Text) :-
-    repeated("a, ", D, Elems),
-    atomics_to_string(["[", Elems, "a]"], Text).
+    repeated("a, ", D, Elems), atomics_to_string(["[", Elems, "a]"], Text).
 
 repeated(S, N, Text) :-
-    length(L, N),
-    maplist(=(S), L),
-    atomics_to_string(L, Text).
-
-                 /*******************************
-                 *             CASES            *
-                 *******************************/
+    length(L, N), maplist(=(S), L), atomics_to_string(L, Text).
 
 % run_case(+File, +Text, +Queries, -Outcomes): Outcomes = [Phase-Result]
 % with Result answer(P), error(E), other(E).
@@ -175,8 +138,7 @@ outcome(Goal, Value, Result) :-
 tally(File, Phase-Result, C0, C) :-
     outcome_key(Result, Phase, File, Key),
     (   get_assoc(Key, C0, N0) -> true ; N0 = 0 ),
-    N is N0 + 1,
-    put_assoc(Key, C0, N, C).
+    N is N0 + 1, put_assoc(Key, C0, N, C).
 
 outcome_key(answer(P), _, _, Key) :-
     (   P == true -> Key = loaded
@@ -189,8 +151,7 @@ outcome_key(error(E), Phase, File, Key) :-
     (   \+ message_prints(E)
     ->  Key = unprintable(E)
     ;   Phase == load, \+ names_file_and_line(E, File)
-    ->  E = error(Formal, _),
-        functor(Formal, Name, _),
+    ->  E = error(Formal, _), functor(Formal, Name, _),
         Key = unlocated(Name)
     ;   Key = error(Phase)
     ).
@@ -205,9 +166,7 @@ names_file_and_line(E, File) :-
     sub_string(Text, B, _, _, File),
     sub_string(Text, B, _, 0, FromFile),
     string_concat(File, Rest, FromFile),
-    string_code(1, Rest, 0':),
-    string_code(2, Rest, D),
-    code_type(D, digit).
+    string_code(1, Rest, 0':), string_code(2, Rest, D), code_type(D, digit).
 
 base_answers(Answers) :-
     findall(T-As,
@@ -222,8 +181,7 @@ test(mutated_programs) :-
     set_random(seed(1301)),
     base_answers(Before),
     findall(T-Qs, program(T, Qs), Programs),
-    cases(N),
-    numlist(1, N, Cases),
+    cases(N), numlist(1, N, Cases),
     empty_assoc(C0),
     flag(fuzz_printed, _, 0),
     setup_call_cleanup(

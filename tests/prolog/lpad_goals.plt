@@ -4,8 +4,7 @@
 :- use_module('../../prolog/cplogic').
 :- use_module(library(plunit)).
 
-w(b, 0.2).
-w(c, 0.5).
+w(b, 0.2). w(c, 0.5).
 
 :- begin_lpad.
 0.4::flu(bob).
@@ -44,8 +43,7 @@ test(goal_queries) :-
 
 % Evidence may be goals: P(flu | flu or hay_fever) = 0.4 / 0.52.
 test(goal_evidence) :-
-    user:prob(flu(bob), [(flu(bob) ; hay_fever(bob))], P1),
-    near(P1, 0.4 / 0.52),
+    user:prob(flu(bob), [(flu(bob) ; hay_fever(bob))], P1), near(P1, 0.4 / 0.52),
     user:prob(hay_fever(bob), [\+ (flu(bob), \+ hay_fever(bob))], P2),
     near(P2, 0.2 / (1 - 0.4 * 0.8)).
 

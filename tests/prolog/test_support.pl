@@ -17,27 +17,20 @@
             reference_probability/4 % +Worlds, +Query, +Evidence, -P
           ]).
 
-:- use_module('../../prolog/cplogic').
-:- use_module(library(process)).
-:- use_module(library(readutil)).
+% What every test file uses: the library and the libraries of the tests.
+:- reexport(['../../prolog/cplogic', library(plunit), library(lists), library(apply),
+             library(random), library(readutil), library(process), library(time),
+             library(assoc), library(pairs)]).
 :- use_module(library(memfile)).
-:- use_module(library(lists)).
-:- use_module(library(apply)).
-:- use_module(library(assoc)).
-:- use_module(library(pairs)).
 
 :- meta_predicate capture_stderr(0, -), capture_output(0, -, -), in_temp_dir(0), raises(0, ?).
 
 % Burglary or earthquake cause the alarm; John calls mostly when it rings.
 alarm_theory(T) :-
     pelm_new(vorn_cp_theory, T),
-    add_events(T, [ e([h(burglary, 0.1)], []),
-                    e([h(earthquake, 0.2)], []),
-                    e([h(alarm, 0.9)], [burglary]),
-                    e([h(alarm, 0.4)], [earthquake]),
-                    e([h(calls(john), 0.8)], [alarm]),
-                    e([h(calls(john), 0.05)], [\+ alarm])
-                  ]).
+    add_events(T, [ e([h(burglary, 0.1)], []), e([h(earthquake, 0.2)], []),
+                    e([h(alarm, 0.9)], [burglary]), e([h(alarm, 0.4)], [earthquake]),
+                    e([h(calls(john), 0.8)], [alarm]), e([h(calls(john), 0.05)], [\+ alarm]) ]).
 
 add_events(T, Events) :-
     forall(member(E, Events), vorn_cp_theory_add_event(T, E)).
@@ -74,12 +67,9 @@ run_swipl(GoalText, Status, Out, Err) :-
                      % under the sanitizers, leak reports belong to the parent
                      environment(['ASAN_OPTIONS'='detect_leaks=0:use_sigaltstack=0'])
                    ]),
-    set_stream(O, encoding(utf8)),
-    set_stream(E, encoding(utf8)),
-    read_string(O, _, Out),
-    read_string(E, _, Err),
-    close(O),
-    close(E),
+    set_stream(O, encoding(utf8)), set_stream(E, encoding(utf8)),
+    read_string(O, _, Out), read_string(E, _, Err),
+    close(O), close(E),
     process_wait(Pid, exit(Status)).
 
 in_temp_dir(Goal) :-
@@ -100,8 +90,7 @@ file_with(Name, Text, Path) :-
 % Text written to a temporary file and loaded as the program of module M.
 load_text(M, Text) :-
     tmp_file_stream(text, File, S),
-    write(S, Text),
-    close(S),
+    write(S, Text), close(S),
     M:lpad_load(File).
 
 % Goal raises error(F, _) with F an instance of Formal; it prints nothing
