@@ -85,6 +85,9 @@ body is solved (not range-restricted).
 :- use_module(cplogic_cycles).
 :- use_module(cplogic_read).
 
+% Arithmetic compiled inline (the flag holds for this file only).
+:- set_prolog_flag(optimise, true).
+
 :- meta_predicate
     prob(:, -),
     prob(:, +, -),
@@ -117,17 +120,18 @@ body is solved (not range-restricted).
 % are the clauses lpad_head(PredId, Ref, Pos, Arg1, ..., ArgN) of the
 % predicate lpad_head/(N+3), one per arity: the arguments are arguments of
 % the clause, so that SWI-Prolog's just-in-time indexes find the heads by
-% any bound argument. Ref is the clause itself when it has one head atom,
-% otherwise its Id, and lpad_clause(Id, Key, Clause) holds it.
+% any bound argument. Ref is the clause itself when it has one head atom
+% (f(Prob, Where) for a ground fact), otherwise its Id, and
+% lpad_clause(Id, Key, Clause) holds it.
 :- dynamic lpad_clause/3.
 :- dynamic lpad_pred/4.
 :- dynamic lpad_head_table/1.       % Arity: lpad_head/(Arity+3) is declared
 :- dynamic lpad_recursive/3.        % Key, Name, Arity: on a predicate cycle
+:- dynamic lpad_recursion/1.        % Key: lpad_recursive/3 is known
 :- dynamic lpad_query/3.            % Key, Goal, Where: a query/1 fact
 :- dynamic lpad_evidence/3.         % Key, Literal, Where: an evidence fact
 :- dynamic lpad_goal/3.             % Key, VariantKey, Goal-Head: a goal's clause
 :- dynamic lpad_staging/1.          % Key: items wait for the predicate set
-:- dynamic lpad_edges/2.            % Key, Trie: predicate dependencies, while read
 :- dynamic lpad_load_safe/1.        % Key: checked as safe(true)
 :- dynamic lpad_block_done/3.       % Module, File, Stream: the block of this load
 :- dynamic lpad_second_block/1.     % Module: a second block is being dropped
@@ -288,9 +292,7 @@ load_term(Key, Term, Where, Names) :-
 new_program(M, Safe, Key) :-
     flag(cplogic_lpad_program, Key, Key + 1),
     assertz(lpad_module(Key, M)),
-    (   Safe == true -> assertz(lpad_load_safe(Key)) ; true ),
-    trie_new(Edges),
-    assertz(lpad_edges(Key, Edges)).
+    (   Safe == true -> assertz(lpad_load_safe(Key)) ; true ).
 
 % The program Key, read completely, becomes Module's.
 switch_program(M, Key) :-
@@ -306,6 +308,10 @@ drop_program(Key) :-
 % has only atoms of predicates with a clause before it (or its own head),
 % negated or not. Any other body goal could become a program atom, so it
 % waits, and so does everything after it, which keeps the program's order.
+add_item(Key, clause(Heads, true), Where, _) :-
+    \+ lpad_staging(Key),
+    !,                                  % a fact: stored now, as it is
+    store_clause(Key, Heads-[]-Where).
 add_item(Key, Item, Where, Names) :-
     (   Item = clause(Heads, _) -> register_heads(Heads, Key) ; true ),
     (   \+ lpad_staging(Key),
@@ -383,8 +389,7 @@ finish_program(Key) :-
            ( erase(Ref),
              install_item(Item, Key, Where) )),
     retractall(lpad_staging(Key)),
-    retractall(lpad_load_safe(Key)),
-    recursive_predicates(Key).
+    retractall(lpad_load_safe(Key)).
 
 item_goal(clause(_, B), B).
 item_goal(query(Q), Q).
@@ -488,7 +493,12 @@ probability(Expr, Where, P) :-
     ).
 
 probability_value(Expr, Where, P) :-
-    (   ground(Expr),
+    (   number(Expr)                    % evaluates to itself
+    ->  (   Expr < 0
+        ->  lpad_error(negative_probability(Expr), Where)
+        ;   P is float(Expr)
+        )
+    ;   ground(Expr),
         catch(V is Expr, _, fail),
         number(V)
     ->  (   V < 0
@@ -580,31 +590,36 @@ reserve_auxiliary_atom(H) :-
     ).
 
 % store_clause(+Key, +Clause): stores Heads-Body-Where with its head atoms
-% in the index (a clause of one head atom is its index entry) and notes its
-% predicate dependencies. A ground clause without calls has a single
-% grounding, worked out here.
+% in the index (a clause of one head atom is its index entry, a ground fact
+% only f(Prob, Where) beside the arguments of its atom). A ground clause
+% without calls has a single grounding, worked out here.
 store_clause(Key, Heads-Body-Where) :-
     clause_kind(Heads, Body, Kind, Stored),
-    (   Heads = [H-_]
+    (   Heads = [H-P]
     ->  (   Kind == open
         ->  flag(cplogic_lpad_clause, Id, Id + 1)
         ;   Id = 0
         ),
         head_pred(H, Key, PredId),
         reserve_auxiliary_atom(H),
-        head_entry(PredId, c(Id, Heads, Stored, Where, Kind), 1, H, Entry),
+        (   Stored == r(same, [])
+        ->  Ref = f(P, Where)
+        ;   Ref = c(Id, Heads, Stored, Where, Kind)
+        ),
+        head_entry(PredId, Ref, 1, H, Entry),
         assertz(Entry)
     ;   flag(cplogic_lpad_clause, Id, Id + 1),
         assertz(lpad_clause(Id, Key, c(Id, Heads, Stored, Where, Kind))),
         index_heads(Heads, 1, Key, Id)
-    ),
-    (   lpad_edges(Key, Edges)
-    ->  record_edges(Heads, Body, Edges)
-    ;   true
     ).
 
 clause_kind(Heads, Body, Kind, Stored) :-
-    (   ground(Heads-Body)
+    (   Body == [],
+        Heads = [_],
+        ground(Heads)
+    ->  Kind = rule,                    % a fact
+        Stored = r(same, [])
+    ;   ground(Heads-Body)
     ->  (   memberchk(call(_), Body)
         ->  Kind = ground,
             Stored = Body
@@ -627,13 +642,57 @@ index_heads([H-_ | Hs], Pos, Key, Id) :-
     Pos1 is Pos + 1,
     index_heads(Hs, Pos1, Key, Id).
 
-% The edges Head -> Body atom of the predicate dependency graph, each once
-% (a trie keeps the set).
-record_edges([], _, _).
-record_edges([H-_ | Hs], Body, Edges) :-
+% recursive_pred(+Key, +Name, +Arity): the predicate is on a cycle of the
+% predicate dependency graph: only its ground atoms can be on a ground
+% cycle. Only grounding clauses with variables or calls and rules of
+% several head atoms asks, so the graph is made when it is first needed
+% (many programs never need it), in one pass over the program. A predicate
+% on a cycle has edges in and out, so the search needs only the edges
+% between such predicates: none in a program whose rules use only facts.
+recursive_pred(Key, N, A) :-
+    (   lpad_recursion(Key) -> true ; recursive_predicates(Key) ),
+    lpad_recursive(Key, N, A).
+
+recursive_predicates(Key) :-
+    trie_new(Edges),
+    forall(( lpad_pred(Key, _, Ar, PredId),
+             length(Args, Ar),
+             Entry =.. [lpad_head, PredId, c(_, Heads, Body, _, _), _ | Args],
+             call(Entry)
+           ),
+           clause_edges(Heads, Body, Edges)),
+    forall(lpad_clause(_, Key, c(_, Heads, Body, _, _)),
+           clause_edges(Heads, Body, Edges)),
+    findall(E, trie_gen(Edges, E), Pairs),
+    trie_destroy(Edges),
+    pairs_keys_values(Pairs, From0, To0),
+    sort(From0, From),
+    sort(To0, To),
+    ord_intersection(From, To, Both),
+    (   Both == []
+    ->  true
+    ;   pairs_keys_values(BothPairs, Both, Both),
+        list_to_assoc(BothPairs, BothSet),
+        include(inner_edge(BothSet), Pairs, Inner),
+        cyclic_vertices(Inner, Recursive),
+        forall(member(N/A, Recursive), assertz(lpad_recursive(Key, N, A)))
+    ),
+    assertz(lpad_recursion(Key)).
+
+inner_edge(Set, P-Q) :-
+    get_assoc(P, Set, _),
+    get_assoc(Q, Set, _).
+
+% The edges Head -> Body atom, each once (a trie keeps the set).
+clause_edges(Heads, Body, Edges) :-
+    (   Body = r(_, Lits) -> true ; Lits = Body ),
+    head_edges(Heads, Lits, Edges).
+
+head_edges([], _, _).
+head_edges([H-_ | Hs], Lits, Edges) :-
     functor(H, HN, HA),
-    body_edges(Body, HN/HA, Edges),
-    record_edges(Hs, Body, Edges).
+    body_edges(Lits, HN/HA, Edges),
+    head_edges(Hs, Lits, Edges).
 
 body_edges([], _, _).
 body_edges([L | Ls], P, Edges) :-
@@ -644,33 +703,6 @@ body_edges([L | Ls], P, Edges) :-
         (   trie_insert(Edges, P-(BN/BA)) -> true ; true )
     ),
     body_edges(Ls, P, Edges).
-
-% Predicates on a cycle of the predicate dependency graph: only their ground
-% atoms can be on a ground cycle. A predicate on a cycle has edges in and
-% out, so the search needs only the edges between such predicates: none in
-% a program whose rules use only facts.
-recursive_predicates(Key) :-
-    (   retract(lpad_edges(Key, Edges))
-    ->  findall(E, trie_gen(Edges, E), Pairs),
-        trie_destroy(Edges),
-        pairs_keys_values(Pairs, From0, To0),
-        sort(From0, From),
-        sort(To0, To),
-        ord_intersection(From, To, Both),
-        (   Both == []
-        ->  true
-        ;   pairs_keys_values(BothPairs, Both, Both),
-            list_to_assoc(BothPairs, BothSet),
-            include(inner_edge(BothSet), Pairs, Inner),
-            cyclic_vertices(Inner, Recursive),
-            forall(member(N/A, Recursive), assertz(lpad_recursive(Key, N, A)))
-        )
-    ;   true
-    ).
-
-inner_edge(Set, P-Q) :-
-    get_assoc(P, Set, _),
-    get_assoc(Q, Set, _).
 
 program_pred(Key, G) :-
     callable(G),
@@ -690,13 +722,13 @@ forget_program(Key) :-
     retractall(lpad_pred(Key, _, _, _)),
     retractall(lpad_clause(_, Key, _)),
     retractall(lpad_recursive(Key, _, _)),
+    retractall(lpad_recursion(Key)),
     retractall(lpad_query(Key, _, _)),
     retractall(lpad_evidence(Key, _, _)),
     retractall(lpad_goal(Key, _, _)),
     forall(recorded(cplogic_stage, s(Key, _, _, _), Ref), erase(Ref)),
     retractall(lpad_staging(Key)),
     retractall(lpad_load_safe(Key)),
-    forall(retract(lpad_edges(Key, Edges)), trie_destroy(Edges)),
     abolish_table_subgoals(cplogic_lpad:possible(Key, _)),
     forget_theory(Key),
     retractall(lpad_module(Key, _)).
@@ -716,6 +748,8 @@ clause_for_head(Key, A, Clause, Pos) :-
     call(Goal),
     (   Ref = c(_, _, _, _, _)
     ->  Clause = Ref
+    ;   Ref = f(P, Where)
+    ->  Clause = c(0, [A-P], r(same, []), Where, rule)
     ;   lpad_clause(Ref, _, Clause)
     ).
 
@@ -1143,7 +1177,7 @@ ground_program(Key, T, Atoms, Settings) :-
     get_time(Start),
     State = walk(false, Progress, Start, Start, 0, 0),
     maplist(positive, Atoms, Roots),
-    catch(( walk([frame(root, [Roots])], Key, T, State),
+    catch(( walk([frame(root, [Roots], false)], Key, T, State),
             (   lpad_false(_, _, Key) -> Filter = true ; Filter = false ),
             (   arg(1, State, true)
             ->  findall(R, ( recorded(cplogic_collected, R0, Ref),
@@ -1194,30 +1228,31 @@ never_holds(Key, A) :-
 % then 2: meeting a 1 is meeting an atom on the current path, a cycle.
 % When an atom is done and none of its rules is free of atoms that never
 % hold (atoms on the current path may hold), it never holds either.
-% A frame's children are lists of literals (pos(B) or neg(B)), the body
-% lists of the atom's rules as they are, so that nothing is copied.
-% State = walk(Cyclic, Progress, Start, LastReport, Atoms, Rules).
+% A frame(Atom, Chunks, Support) has the atom's children as lists of
+% literals (pos(B) or neg(B)), the body lists of its rules as they are, so
+% that nothing is copied; Support tells whether lpad_support/3 holds the
+% atom. State = walk(Cyclic, Progress, Start, LastReport, Atoms, Rules).
 walk([], _, _, _).
-walk([frame(A, Chunks) | Stack], Key, T, State) :-
+walk([frame(A, Chunks, Sup) | Stack], Key, T, State) :-
     (   Chunks = [Chunk | More]
     ->  (   Chunk = [L | Ls]
         ->  arg(1, L, C),
             cplogic:vorn_cp_theory_atom_in_table(T, C, Status),
             (   Status =:= 2
-            ->  walk([frame(A, [Ls | More]) | Stack], Key, T, State)
+            ->  walk([frame(A, [Ls | More], Sup) | Stack], Key, T, State)
             ;   Status =:= 0
-            ->  expand_atom(Key, C, Next, NRules),
+            ->  expand_atom(Key, C, Next, NRules, CSup),
                 progress(State, NRules),
-                walk([frame(C, Next), frame(A, [Ls | More]) | Stack], Key, T, State)
+                walk([frame(C, Next, CSup), frame(A, [Ls | More], Sup) | Stack], Key, T, State)
             ;   nb_setarg(1, State, true),
-                walk([frame(A, [Ls | More]) | Stack], Key, T, State)
+                walk([frame(A, [Ls | More], Sup) | Stack], Key, T, State)
             )
-        ;   walk([frame(A, More) | Stack], Key, T, State)
+        ;   walk([frame(A, More, Sup) | Stack], Key, T, State)
         )
     ;   Stack == []
     ->  true
     ;   cplogic:vorn_cp_theory_atom_table_success(T, A),
-        decide_support(Key, A),
+        (   Sup == true -> decide_support(Key, A) ; true ),
         walk(Stack, Key, T, State)
     ).
 
@@ -1234,25 +1269,28 @@ decide_support(Key, A) :-
     ;   true
     ).
 
-% expand_atom(+Key, +Atom, -Chunks, -Count): collects the Count ground rules
+% expand_atom(+Key, +Atom, -Chunks, -Count, -Support): collects the Count
+% ground rules
 % with Atom in their head; Chunks are the literals of their bodies and, for
 % the predicates on a cycle, their other head atoms: every rule in the
 % theory then has all of its head atoms expanded, so a later query never
-% finds a cycle through rules that are already in the theory.
+% finds a cycle through rules that are already in the theory. Support is
+% true when lpad_support/3 now holds the atom.
 %
 % Meeting an atom twice among them changes nothing (the second time it is
 % done or on the path), so once the rules have many literals, each atom is
 % kept only where it first occurs: an atom with many long rules over the
 % same atoms costs one step per literal here, not a step of the walk.
-expand_atom(Key, A, Chunks, NRules) :-
+expand_atom(Key, A, Chunks, NRules, Support) :-
     Seen = seen(none, 0),
     findall(Item, expanded_rule(Key, A, Seen, Item), Items),
     (   arg(1, Seen, none) -> true ; arg(1, Seen, Trie), trie_destroy(Trie) ),
     expanded_items(Items, Chunks, 0, NRules, Sup, false, Fact),
     (   Fact == true
-    ->  true
+    ->  Support = false
     ;   term_hash(A, H),
-        assertz(lpad_support(H, A, Sup))
+        assertz(lpad_support(H, A, Sup)),
+        Support = true
     ).
 
 % expanded_rule(+Key, +A, +Seen, -Item): Item = r(New, Lits, Positives,
@@ -1299,7 +1337,7 @@ other_heads([], _, _, []).
 other_heads([B-_ | Hs], A, Key, Others) :-
     (   B \== A,
         functor(B, N, Ar),
-        lpad_recursive(Key, N, Ar)
+        recursive_pred(Key, N, Ar)
     ->  Others = [pos(B) | Others1]
     ;   Others = Others1
     ),
@@ -1421,7 +1459,7 @@ solve_literal(pos(A), Given, Key, _, [pos(A) | T], T) :-
     (   ground(A)
     ->  (   Given == true
         ->  true
-        ;   functor(A, N, Ar), lpad_recursive(Key, N, Ar)
+        ;   functor(A, N, Ar), recursive_pred(Key, N, Ar)
         ->  true
         ;   possible(Key, A)
         ->  true
@@ -1529,6 +1567,9 @@ program_call(Key, G, PI, Ctx, Where) :-
     ).
 
 % Grounding that runs for more than a second reports every second.
+progress(State, _) :-
+    arg(2, State, false),               % nothing to report
+    !.
 progress(State, NRules) :-
     arg(5, State, N0),
     N is N0 + 1,
@@ -1536,7 +1577,7 @@ progress(State, NRules) :-
     arg(6, State, K0),
     K is K0 + NRules,
     nb_setarg(6, State, K),
-    (   arg(2, State, true), N mod 256 =:= 0
+    (   N mod 256 =:= 0
     ->  get_time(Now),
         arg(3, State, Start),
         arg(4, State, Last),

@@ -53,6 +53,9 @@ directives for that load.
 :- use_module(library(lists)).
 :- use_module(library(sandbox)).
 
+% Arithmetic compiled inline (the flag holds for this file only).
+:- set_prolog_flag(optimise, true).
+
 :- meta_predicate
     read_program(+, 3, +),
     check_safe_body_goal(:, +),
@@ -212,7 +215,11 @@ read_loop(Ctx, OnTerm, S0, S) :-
 % clause nested too deeply for the reader's C stack raises a resource
 % error, which is located at the line where the clause starts.
 next_term(ctx(In, Path, M, Tolerate, Saved), Term, Path:Line, Names) :-
-    (   Saved == true -> skip_layout(In, Saved) ; true ),
+    (   Saved == true
+    ->  skip_layout(In, C),
+        saved_prefix(C, In)
+    ;   true
+    ),
     character_count(In, From),
     catch(read_term(In, Term,
                     [ term_position(Pos), variable_names(Names), module(M) ]),
@@ -238,7 +245,7 @@ clause_start(In, Path, From, Line) :-
     setup_call_cleanup(
         open(Path, read, S, [encoding(Enc)]),
         ( read_string(S, From, _),
-          skip_layout(S, false),
+          skip_layout(S, _),
           line_count(S, Line)
         ),
         close(S)).
@@ -296,26 +303,25 @@ encoding_directive(Term, In) :-
     ;   true
     ).
 
-% A saved theory starts with "% name" and leads rules with "(p) " or ";":
-% these are dropped before a rule is read.
+% A saved theory starts with "% name" and may lead a rule with "(p) " or
+% ";": these are dropped before a rule is read.
 saved_theory(In, Saved) :-
     (   peek_string(In, 2, "% ") -> Saved = true ; Saved = false ).
 
-% Blanks and line comments before a clause: skipped before the rule
-% prefixes of a saved theory, and to find where a clause starts.
-skip_layout(In, Saved) :-
+% skip_layout(+In, -Code): blanks and line comments before a clause are
+% skipped before the rule prefixes of a saved theory, and to find where a
+% clause starts; Code is the next character's, -1 at the end.
+skip_layout(In, Code) :-
     peek_code(In, C),
     (   C =:= -1
-    ->  true
+    ->  Code = C
     ;   layout_code(C)
     ->  get_code(In, _),
-        skip_layout(In, Saved)
+        skip_layout(In, Code)
     ;   C =:= 0'%
     ->  skip(In, 0'\n),
-        skip_layout(In, Saved)
-    ;   Saved == true
-    ->  saved_prefix(In)
-    ;   true
+        skip_layout(In, Code)
+    ;   Code = C
     ).
 
 % Common layout is decided by indexing; any other character by its type.
@@ -332,11 +338,13 @@ ascii_layout(0'\r).
 ascii_layout(0'\v).
 ascii_layout(0'\f).
 
-saved_prefix(In) :-
-    (   peek_string(In, 4, "(p) ")
-    ->  read_string(In, 4, _)
-    ;   peek_char(In, ;)
-    ->  get_char(In, _)
+% saved_prefix(+Code, +In): only a clause that starts with "(" is compared
+% with the prefix: peeking at a string costs more than reading a clause.
+saved_prefix(C, In) :-
+    (   C =:= 0'(
+    ->  (   peek_string(In, 4, "(p) ") -> read_string(In, 4, _) ; true )
+    ;   C =:= 0';
+    ->  get_code(In, _)
     ;   true
     ).
 
@@ -427,8 +435,12 @@ check_head(H, Where) :-
     ).
 
 check_probability(P, Where) :-
-    (   ground(P),
-        catch(V is P, _, fail),
+    (   (   float(P)
+        ->  V = P                       % evaluates to itself
+        ;   \+ integer(P),
+            ground(P),
+            catch(V is P, _, fail)
+        ),
         float(V),
         float_class(V, Class),
         memberchk(Class, [nan, infinite])
