@@ -283,9 +283,46 @@ load_term(Key, (:- D), _, _) :-
     ;   true
     ).
 load_term(Key, Term, Where, Names) :-
-    check_clause(Term, Where, Names),
-    parse_term(Term, Where, Item),
-    add_item(Key, Item, Where, Names).
+    check_clause_head(Term, Where, Names),
+    (   nonvar(Term),
+        Term = (Head :- Body),
+        body_shape(Body, Where, Lits, [])
+    ->  parse_heads(Head, Where, Heads),
+        add_item(Key, lits(Heads, Lits), Where, Names)
+    ;   (   nonvar(Term), Term = (_ :- Body)
+        ->  check_no_argumentless(Body, Where)
+        ;   true
+        ),
+        parse_term(Term, Where, Item),
+        add_item(Key, Item, Where, Names)
+    ).
+
+% body_shape(+Body, +Where, -Lits, ?Tail): the literals of a body that is a
+% conjunction of atoms and negated ground atoms, as body_literals/7 makes
+% them when each atom is a program atom; fails for any other body. The
+% terms of the literals are checked as check_clause/3 does, in its order.
+body_shape(G, Where, L0, L) :-
+    nonvar(G),
+    (   G = (A, B)
+    ->  body_shape(A, Where, L0, L1),
+        body_shape(B, Where, L1, L)
+    ;   G == true
+    ->  L0 = L
+    ;   ( G = (\+ A) ; G = not(A) )
+    ->  shape_atom(A, Where),
+        ground(A),
+        L0 = [neg(A) | L]
+    ;   shape_atom(G, Where),
+        L0 = [pos(G) | L]
+    ).
+
+shape_atom(A, Where) :-
+    (   atom(A)
+    ->  true
+    ;   compound(A),
+        \+ control(A),
+        check_no_argumentless(A, Where)
+    ).
 
 % new_program(+Module, +Safe, -Key): an empty program for Module, not yet
 % in force.
@@ -312,15 +349,42 @@ add_item(Key, clause(Heads, true), Where, _) :-
     \+ lpad_staging(Key),
     !,                                  % a fact: stored now, as it is
     store_clause(Key, Heads-[]-Where).
+add_item(Key, lits(Heads, Lits), Where, Names) :-
+    !,
+    register_heads(Heads, Key),
+    (   \+ lpad_staging(Key),
+        known_literals(Lits, Key)
+    ->  store_clause(Key, Heads-Lits-Where)
+    ;   stage(Key, lits(Heads, Lits), Where, Names)
+    ).
 add_item(Key, Item, Where, Names) :-
     (   Item = clause(Heads, _) -> register_heads(Heads, Key) ; true ),
     (   \+ lpad_staging(Key),
         settled_item(Item, Key)
     ->  install_item(Item, Key, Where)
-    ;   (   lpad_staging(Key) -> true ; assertz(lpad_staging(Key)) ),
-        (   lpad_load_safe(Key) -> Kept = Names ; Kept = [] ),
-        recordz(cplogic_stage, s(Key, Item, Where, Kept))
+    ;   stage(Key, Item, Where, Names)
     ).
+
+stage(Key, Item, Where, Names) :-
+    (   lpad_staging(Key) -> true ; assertz(lpad_staging(Key)) ),
+    (   lpad_load_safe(Key) -> Kept = Names ; Kept = [] ),
+    recordz(cplogic_stage, s(Key, Item, Where, Kept)).
+
+known_literals([], _).
+known_literals([L | Ls], Key) :-
+    arg(1, L, A),
+    prob_goal(A, Key),
+    known_literals(Ls, Key).
+
+% literals_goal(+Lits, -Goal): the body that Lits were made from (with
+% \+ for not/1, which means the same).
+literals_goal([], true).
+literals_goal([L | Ls], G) :-
+    literal_goal(L, G0),
+    (   Ls == [] -> G = G0 ; G = (G0, G1), literals_goal(Ls, G1) ).
+
+literal_goal(pos(A), A).
+literal_goal(neg(A), \+ A).
 
 settled_item(clause(_, Body), Key) :-
     settled_body(Body, Key).
@@ -348,6 +412,12 @@ install_item(clause(Heads, Raw), Key, Where) :-
     ;   lpad_module(Key, M),
         body_clauses(body(Key, M, Where), Heads, Raw, Clauses, []),
         maplist(store_clause(Key), Clauses)
+    ).
+install_item(lits(Heads, Lits), Key, Where) :-
+    (   known_literals(Lits, Key)
+    ->  store_clause(Key, Heads-Lits-Where)
+    ;   literals_goal(Lits, Raw),
+        install_item(clause(Heads, Raw), Key, Where)
     ).
 install_item(query(Q), Key, Where) :-
     assertz(lpad_query(Key, Q, Where)).
@@ -392,6 +462,8 @@ finish_program(Key) :-
     retractall(lpad_load_safe(Key)).
 
 item_goal(clause(_, B), B).
+item_goal(lits(_, Lits), B) :-
+    literals_goal(Lits, B).
 item_goal(query(Q), Q).
 item_goal(evidence(E), E).
 
@@ -445,11 +517,14 @@ program_goal(G, Fact, Where) :-
 % parse_clause(+Term, +Where, -Heads, -RawBody)
 parse_clause(Term, Where, Heads, Body) :-
     (   Term = (Head :- Body0) -> true ; Head = Term, Body0 = true ),
+    parse_heads(Head, Where, Heads),
+    Body = Body0.
+
+parse_heads(Head, Where, Heads) :-
     (   var(Head) -> lpad_error(bad_head(Head), Where) ; true ),
     head_list(Head, Where, Heads0),
     check_probabilities(Heads0, Where),
-    without_null(Heads0, Heads),
-    Body = Body0.
+    without_null(Heads0, Heads).
 
 head_list(Head, Where, Heads) :-
     (   Head = (A ; B)
@@ -602,7 +677,7 @@ store_clause(Key, Heads-Body-Where) :-
         ),
         head_pred(H, Key, PredId),
         reserve_auxiliary_atom(H),
-        (   Stored == r(same, [])
+        (   Stored == r(same, [], [])
         ->  Ref = f(P, Where)
         ;   Ref = c(Id, Heads, Stored, Where, Kind)
         ),
@@ -618,19 +693,31 @@ clause_kind(Heads, Body, Kind, Stored) :-
         Heads = [_],
         ground(Heads)
     ->  Kind = rule,                    % a fact
-        Stored = r(same, [])
+        Stored = r(same, [], [])
     ;   ground(Heads-Body)
     ->  (   memberchk(call(_), Body)
         ->  Kind = ground,
             Stored = Body
-        ;   sort(Body, Lits),
+        ;   split_literals(Body, Negs0, Poss0),
+            sort(Negs0, Negs),
+            sort(Poss0, Poss),
             merge_heads(Heads, Merged),
             (   Merged == Heads -> MH = same ; MH = Merged ),
-            Stored = r(MH, Lits),
-            (   consistent_body(Lits) -> Kind = rule ; Kind = never )
+            Stored = r(MH, Negs, Poss),
+            (   ord_disjoint(Negs, Poss) -> Kind = rule ; Kind = never )
         )
     ;   Kind = open,
         Stored = Body
+    ).
+
+split_literals([], [], []).
+split_literals([L | Ls], Ns, Ps) :-
+    (   L = neg(A)
+    ->  Ns = [A | Ns1],
+        split_literals(Ls, Ns1, Ps)
+    ;   arg(1, L, A),
+        Ps = [A | Ps1],
+        split_literals(Ls, Ns, Ps1)
     ).
 
 index_heads([], _, _, _).
@@ -685,7 +772,12 @@ inner_edge(Set, P-Q) :-
 
 % The edges Head -> Body atom, each once (a trie keeps the set).
 clause_edges(Heads, Body, Edges) :-
-    (   Body = r(_, Lits) -> true ; Lits = Body ),
+    (   Body = r(_, Negs, Poss)
+    ->  maplist(positive, Poss, PLits),
+        maplist(negative, Negs, NLits),
+        append(NLits, PLits, Lits)
+    ;   Lits = Body
+    ),
     head_edges(Heads, Lits, Edges).
 
 head_edges([], _, _).
@@ -749,7 +841,7 @@ clause_for_head(Key, A, Clause, Pos) :-
     (   Ref = c(_, _, _, _, _)
     ->  Clause = Ref
     ;   Ref = f(P, Where)
-    ->  Clause = c(0, [A-P], r(same, []), Where, rule)
+    ->  Clause = c(0, [A-P], r(same, [], []), Where, rule)
     ;   lpad_clause(Ref, _, Clause)
     ).
 
@@ -1176,13 +1268,13 @@ ground_program(Key, T, Atoms, Settings) :-
     arg(4, Settings, Progress),
     get_time(Start),
     State = walk(false, Progress, Start, Start, 0, 0),
-    maplist(positive, Atoms, Roots),
-    catch(( walk([frame(root, [Roots], false)], Key, T, State),
+    catch(( walk([frame(root, [Atoms], false)], Key, T, State),
             (   lpad_false(_, _, Key) -> Filter = true ; Filter = false ),
             (   arg(1, State, true)
             ->  findall(R, ( recorded(cplogic_collected, R0, Ref),
                              erase(Ref),
-                             useful_rule(Filter, Key, R0, R) ), Rules),
+                             useful_rule(Filter, Key, R0, R1),
+                             literal_rule(R1, R) ), Rules),
                 acyclic_rules(Rules, Acyclic),
                 maplist(add_rule(T), Acyclic)
             ;   forall(( recorded(cplogic_collected, R0, Ref),
@@ -1199,11 +1291,30 @@ ground_program(Key, T, Atoms, Settings) :-
             throw(E) )).
 
 positive(A, pos(A)).
+negative(A, neg(A)).
 
-add_rule(T, rule(Heads, Lits, _)) :-
+% A rule's body is a list of literals, or np(Negs, Poss) for a rule worked
+% out at install: the sorted atoms of its negative and positive literals.
+add_rule(T, rule(Heads, Body, _)) :-
     maplist(head_term, Heads, HTerms),
-    maplist(body_term, Lits, BTerms),
+    (   Body = np(Negs, Poss)
+    ->  negated_terms(Negs, BTerms, Poss)
+    ;   maplist(body_term, Body, BTerms)
+    ),
     cplogic:vorn_cp_theory_add_event(T, event(HTerms, BTerms)).
+
+negated_terms([], Tail, Tail).
+negated_terms([A | As], [\+ A | Ts], Tail) :-
+    negated_terms(As, Ts, Tail).
+
+% The rule with its body as a list of literals, in the order of sort/2.
+literal_rule(rule(Heads, Body, Where), rule(Heads, Lits, Where)) :-
+    (   Body = np(Negs, Poss)
+    ->  maplist(negative, Negs, NLits),
+        maplist(positive, Poss, PLits),
+        append(NLits, PLits, Lits)
+    ;   Lits = Body
+    ).
 
 % A rule whose body needs an atom that never holds is left out, and a
 % negated literal on such an atom is true: false atoms would otherwise stay
@@ -1211,6 +1322,11 @@ add_rule(T, rule(Heads, Lits, _)) :-
 % such atoms (Filter false) every rule stays as it is.
 useful_rule(false, _, Rule, Rule) :-
     !.
+useful_rule(true, Key, rule(Heads, np(Negs0, Poss), Where), Rule) :-
+    !,
+    \+ ( member(A, Poss), never_holds(Key, A) ),
+    exclude(never_holds(Key), Negs0, Negs),
+    Rule = rule(Heads, np(Negs, Poss), Where).
 useful_rule(true, Key, rule(Heads, Lits0, Where), rule(Heads, Lits, Where)) :-
     \+ ( member(pos(A), Lits0), never_holds(Key, A) ),
     exclude(negated_false(Key), Lits0, Lits).
@@ -1228,24 +1344,23 @@ never_holds(Key, A) :-
 % then 2: meeting a 1 is meeting an atom on the current path, a cycle.
 % When an atom is done and none of its rules is free of atoms that never
 % hold (atoms on the current path may hold), it never holds either.
-% A frame(Atom, Chunks, Support) has the atom's children as lists of
-% literals (pos(B) or neg(B)), the body lists of its rules as they are, so
+% A frame(Atom, Chunks, Support) has the atom's children as lists of atoms,
+% the body lists of its rules where they are lists of atoms already, so
 % that nothing is copied; Support tells whether lpad_support/3 holds the
 % atom. State = walk(Cyclic, Progress, Start, LastReport, Atoms, Rules).
 walk([], _, _, _).
 walk([frame(A, Chunks, Sup) | Stack], Key, T, State) :-
     (   Chunks = [Chunk | More]
-    ->  (   Chunk = [L | Ls]
-        ->  arg(1, L, C),
-            cplogic:vorn_cp_theory_atom_in_table(T, C, Status),
+    ->  (   Chunk = [C | Cs]
+        ->  cplogic:vorn_cp_theory_atom_in_table(T, C, Status),
             (   Status =:= 2
-            ->  walk([frame(A, [Ls | More], Sup) | Stack], Key, T, State)
+            ->  walk([frame(A, [Cs | More], Sup) | Stack], Key, T, State)
             ;   Status =:= 0
             ->  expand_atom(Key, C, Next, NRules, CSup),
                 progress(State, NRules),
-                walk([frame(C, Next, CSup), frame(A, [Ls | More], Sup) | Stack], Key, T, State)
+                walk([frame(C, Next, CSup), frame(A, [Cs | More], Sup) | Stack], Key, T, State)
             ;   nb_setarg(1, State, true),
-                walk([frame(A, [Ls | More], Sup) | Stack], Key, T, State)
+                walk([frame(A, [Cs | More], Sup) | Stack], Key, T, State)
             )
         ;   walk([frame(A, More, Sup) | Stack], Key, T, State)
         )
@@ -1270,12 +1385,11 @@ decide_support(Key, A) :-
     ).
 
 % expand_atom(+Key, +Atom, -Chunks, -Count, -Support): collects the Count
-% ground rules
-% with Atom in their head; Chunks are the literals of their bodies and, for
-% the predicates on a cycle, their other head atoms: every rule in the
-% theory then has all of its head atoms expanded, so a later query never
-% finds a cycle through rules that are already in the theory. Support is
-% true when lpad_support/3 now holds the atom.
+% ground rules with Atom in their head; Chunks are the atoms of their
+% bodies and, for the predicates on a cycle, their other head atoms: every
+% rule in the theory then has all of its head atoms expanded, so a later
+% query never finds a cycle through rules that are already in the theory.
+% Support is true when lpad_support/3 now holds the atom.
 %
 % Meeting an atom twice among them changes nothing (the second time it is
 % done or on the path), so once the rules have many literals, each atom is
@@ -1293,14 +1407,23 @@ expand_atom(Key, A, Chunks, NRules, Support) :-
         Support = true
     ).
 
-% expanded_rule(+Key, +A, +Seen, -Item): Item = r(New, Lits, Positives,
-% Others) for a rule of A; a new rule is collected. Seen = seen(Trie,
-% Count) counts the literals and, past the first ones, holds the atoms met.
-expanded_rule(Key, A, Seen, r(New, Lits1, Ps, Others)) :-
+% expanded_rule(+Key, +A, +Seen, -Item): Item = r(New, Atoms, Positives,
+% Others) for a rule of A, Atoms a list of lists; a new rule is collected.
+% Seen = seen(Trie, Count) counts the literals and, past the first ones,
+% holds the atoms met.
+expanded_rule(Key, A, Seen, r(New, Atoms, Ps, Others)) :-
     rule_for_atom(Key, A, Rule, New),
     (   New == true -> recordz(cplogic_collected, Rule) ; true ),
-    Rule = rule(Heads, Lits, _),
-    positive_atoms(Lits, Ps, 0, K),
+    Rule = rule(Heads, Body, _),
+    (   Body = np(Negs, Poss)
+    ->  Ps = Poss,
+        length(Negs, KN),
+        length(Poss, KP),
+        K is KN + KP,
+        Lists = [Negs, Poss]
+    ;   literal_atoms(Body, All, Ps, 0, K),
+        Lists = [All]
+    ),
     arg(2, Seen, K0),
     K1 is K0 + K,
     nb_setarg(2, Seen, K1),
@@ -1308,11 +1431,11 @@ expanded_rule(Key, A, Seen, r(New, Lits1, Ps, Others)) :-
     ->  (   K1 > 64
         ->  trie_new(Trie),
             nb_setarg(1, Seen, Trie),
-            first_occurrences(Lits, Trie, Lits1)
-        ;   Lits1 = Lits
+            first_occurrences(Lists, Trie, Atoms)
+        ;   Atoms = Lists
         )
     ;   arg(1, Seen, Trie),
-        first_occurrences(Lits, Trie, Lits1)
+        first_occurrences(Lists, Trie, Atoms)
     ),
     (   Heads = [_, _ | _]
     ->  other_heads(Heads, A, Key, Others)
@@ -1320,37 +1443,48 @@ expanded_rule(Key, A, Seen, r(New, Lits1, Ps, Others)) :-
     ).
 
 expanded_items([], [], N, N, [], F, F).
-expanded_items([r(New, Lits, Ps, Others) | Items], Cs0, N0, N, [Ps | Sup], F0, F) :-
+expanded_items([r(New, Atoms, Ps, Others) | Items], Cs0, N0, N, [Ps | Sup], F0, F) :-
     (   New == true -> N1 is N0 + 1 ; N1 = N0 ),
     (   Ps == [] -> F1 = true ; F1 = F0 ),
-    (   Lits == [] -> Cs1 = Cs0 ; Cs0 = [Lits | Cs1] ),
-    (   Others == [] -> Cs2 = Cs1 ; Cs1 = [Others | Cs2] ),
+    append(Atoms, Cs1, Cs0),
+    (   Others == [] -> Cs1 = Cs2 ; Cs1 = [Others | Cs2] ),
     expanded_items(Items, Cs2, N1, N, Sup, F1, F).
 
-positive_atoms([], [], K, K).
-positive_atoms([L | Ls], Ps, K0, K) :-
-    (   L = pos(B) -> Ps = [B | Ps1] ; Ps = Ps1 ),
+% literal_atoms(+Lits, -Atoms, -Positives, +K0, -K)
+literal_atoms([], [], [], K, K).
+literal_atoms([L | Ls], [B | Bs], Ps, K0, K) :-
+    arg(1, L, B),
+    (   L = pos(_) -> Ps = [B | Ps1] ; Ps = Ps1 ),
     K1 is K0 + 1,
-    positive_atoms(Ls, Ps1, K1, K).
+    literal_atoms(Ls, Bs, Ps1, K1, K).
 
 other_heads([], _, _, []).
 other_heads([B-_ | Hs], A, Key, Others) :-
     (   B \== A,
         functor(B, N, Ar),
         recursive_pred(Key, N, Ar)
-    ->  Others = [pos(B) | Others1]
+    ->  Others = [B | Others1]
     ;   Others = Others1
     ),
     other_heads(Hs, A, Key, Others1).
 
-first_occurrences([], _, []).
-first_occurrences([L | Ls], Seen, Fs) :-
-    arg(1, L, B),
+% first_occurrences(+Lists, +Seen, -Firsts): the atoms of Lists not in the
+% trie Seen, which now has them, as one list in a list.
+first_occurrences(Lists, Seen, [Firsts]) :-
+    first_in_lists(Lists, Seen, Firsts).
+
+first_in_lists([], _, []).
+first_in_lists([L | Ls], Seen, Fs) :-
+    first_in_list(L, Seen, Fs, Fs1),
+    first_in_lists(Ls, Seen, Fs1).
+
+first_in_list([], _, Fs, Fs).
+first_in_list([B | Bs], Seen, Fs0, Fs) :-
     (   trie_insert(Seen, B)
-    ->  Fs = [L | Fs1]
-    ;   Fs = Fs1
+    ->  Fs0 = [B | Fs1]
+    ;   Fs0 = Fs1
     ),
-    first_occurrences(Ls, Seen, Fs1).
+    first_in_list(Bs, Seen, Fs1, Fs).
 
 % rule_for_atom(+Key, +A, -Rule, -New): the ground rules with A in their
 % head; New is false for a rule that another head atom added before, which
@@ -1359,10 +1493,12 @@ rule_for_atom(Key, A, Rule, New) :-
     clause_for_head(Key, A, c(Id, Heads, Body, Where, Kind), Pos),
     clause_rule(Kind, Key, Id, Pos, A, Heads, Body, Where, Rule, New).
 
-clause_rule(rule, Key, Id, _, _, Heads, r(MH, Lits), Where, rule(RH, Lits, Where), New) :-
+clause_rule(rule, Key, Id, _, _, Heads, r(MH, Negs, Poss), Where,
+            rule(RH, np(Negs, Poss), Where), New) :-
     merged(MH, Heads, RH),
     once_per_theory(Heads, Id, Key, New).
-clause_rule(never, Key, Id, _, _, Heads, r(MH, Lits), Where, rule(RH, Lits, Where), false) :-
+clause_rule(never, Key, Id, _, _, Heads, r(MH, Negs, Poss), Where,
+            rule(RH, np(Negs, Poss), Where), false) :-
     merged(MH, Heads, RH),
     once_per_theory(Heads, Id, Key, false).
 clause_rule(ground, Key, Id, _, _, Heads, Body, Where, Rule, New) :-
@@ -1531,10 +1667,15 @@ possible(Key, A) :-
     ).
 
 possible_body(Body, Key, Where) :-
-    (   Body = r(_, Lits)
-    ->  possible_lits(Lits, Key, Where)
+    (   Body = r(_, _, Poss)
+    ->  possible_atoms(Poss, Key)
     ;   possible_lits(Body, Key, Where)
     ).
+
+possible_atoms([], _).
+possible_atoms([A | As], Key) :-
+    possible(Key, A),
+    possible_atoms(As, Key).
 
 possible_lits([], _, _).
 possible_lits([L | Ls], Key, Where) :-

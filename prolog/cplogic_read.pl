@@ -3,6 +3,8 @@
             program_mode/2,             % +File, -Mode
             check_clause/2,             % +Clause, +Where
             check_clause/3,             % +Clause, +Where, +VarNames
+            check_clause_head/3,        % +Clause, +Where, +VarNames
+            check_no_argumentless/2,    % +Term, +Where
             check_safe_body_goal/2,     % :Goal, +Where
             check_safe_body_goal/3      % :Goal, +Where, +VarNames
           ]).
@@ -369,12 +371,28 @@ check_clause(Clause, Where) :-
     check_clause(Clause, Where, []).
 
 check_clause(Clause, Where, Names) :-
+    check_clause_head(Clause, Where, Names),
+    (   Clause = (_ :- Body)
+    ->  no_argumentless(Body, Where)
+    ;   true
+    ).
+
+%!  check_clause_head(+Clause, +Where, +VarNames) is det.
+%!  check_no_argumentless(+Term, +Where) is det.
+%
+%   check_clause/3 is check_clause_head/3 and then, for a clause with a
+%   body, check_no_argumentless/2 on the body: a reader that walks the body
+%   anyway checks its terms there, in the same order.
+check_clause_head(Clause, Where, Names) :-
     (   Clause = (Head :- Body)
     ->  (   ground(Body) -> true ; check_body(Body, Where, Names) )
     ;   Head = Clause
     ),
     check_head(Head, Where),
-    no_argumentless(Clause, Where).
+    no_argumentless(Head, Where).
+
+check_no_argumentless(Term, Where) :-
+    no_argumentless(Term, Where).
 
 % The first compound without arguments in pre-order, as sub_term/2 would
 % find it, in one pass without choice points; the last argument is a last
