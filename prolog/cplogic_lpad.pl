@@ -113,8 +113,9 @@ body is solved (not range-restricted).
 % clause of several head atoms or with variables (0 for the others). Kind:
 %   open:   Body = [pos(A) | neg(A) | call(G), ...], with variables;
 %   ground: the same without variables, with calls to run once;
-%   rule:   without variables or calls, Body = r(Merged, Lits), the rule's
-%           pooled head (`same` when it is Heads) and its sorted literals;
+%   rule:   without variables or calls, Body = r(Merged, Negs, Poss), the
+%           rule's pooled head (`same` when it is Heads) and the sorted
+%           atoms of its negative and positive literals;
 %   never:  as rule, but the body has an atom and its negation.
 % lpad_pred(Key, Name, Arity, PredId): a program predicate. Its head atoms
 % are the clauses lpad_head(PredId, Ref, Pos, Arg1, ..., ArgN) of the
@@ -1131,7 +1132,7 @@ theory_prob(T, Q, EvTerms, s(Method, Elim, CoreOptions, _), P) :-
 % that of Goal: Goal itself for a ground program atom, otherwise the head
 % of Goal's own clause.
 goal_atom(Key, Goal, Culprit, Atom) :-
-    (   callable(Goal)
+    (   query_goal(Goal)
     ->  true
     ;   throw(error(cplogic_error(Culprit, query), _))
     ),
@@ -1146,14 +1147,19 @@ evidence_term(Key, L, e(A, V)) :-
     ;   throw(error(cplogic_error(bad_evidence(L), query), _))
     ).
 
+% query_goal(+Goal): Goal can be asked (prob/2, `cplogic FILE QUERY`).
+query_goal(G) :-
+    callable(G).
+
 % evidence_literal(+Literal, -Goal, -Value): Literal is the goal Goal
-% observed true (Value 1), or `\+ Goal` or not(Goal) observed false (0).
+% observed true (Value 1), or `\+ Goal` or not(Goal) observed false (0)
+% (prob/3, `cplogic --given`).
 evidence_literal(L, G, V) :-
     (   nonvar(L), ( L = (\+ G0) ; L = not(G0) )
     ->  V = 0, G = G0
     ;   V = 1, G = L
     ),
-    callable(G).
+    query_goal(G).
 
 % goal_clause(+Key, +Goal, +Vars, -Head): Head = '$cplogic_goal_N'(Vars)
 % with the clause Head :- Goal in the program; one clause per goal and
@@ -1189,7 +1195,7 @@ positive_part(G, P) :-
     ).
 
 all_answers(Goal, Evidence, Key, Settings, Answers) :-
-    (   callable(Goal) -> true ; throw(error(cplogic_error(bad_query(Goal), query), _)) ),
+    (   query_goal(Goal) -> true ; throw(error(cplogic_error(bad_query(Goal), query), _)) ),
     answer_variables(Goal, Vars),
     maplist(evidence_term(Key), Evidence, EvTerms),
     findall(A, member(e(A, _), EvTerms), EvAtoms),
