@@ -117,16 +117,17 @@ body is solved (not range-restricted).
 %           rule's pooled head (`same` when it is Heads) and the sorted
 %           atoms of its negative and positive literals;
 %   never:  as rule, but the body has an atom and its negation.
-% lpad_pred(Key, Name, Arity, PredId): a program predicate. Its head atoms
-% are the clauses lpad_head(PredId, Ref, Pos, Arg1, ..., ArgN) of the
-% predicate lpad_head/(N+3), one per arity: the arguments are arguments of
-% the clause, so that SWI-Prolog's just-in-time indexes find the heads by
-% any bound argument. Ref is the clause itself when it has one head atom
-% (f(Prob, Where) for a ground fact), otherwise its Id, and
-% lpad_clause(Id, Key, Clause) holds it.
+% lpad_pred(Key, Name, Arity): a program predicate. Its head atoms are the
+% clauses lpad_head(Name, Key, Ref, Pos, Arg1, ..., ArgN) of the predicate
+% lpad_head/(N+4), one per arity: the arguments are arguments of the
+% clause, so that SWI-Prolog's just-in-time indexes find the heads by the
+% name and any bound argument. Ref is the clause itself when it has one
+% head atom, otherwise its Id, and lpad_clause(Id, Key, Clause) holds it.
+% A clause of one head atom A:P is stored shorter when it is a ground fact,
+% f(P, Where), or a rule worked out at install, s(P, Negs, Poss, Where).
 :- dynamic lpad_clause/3.
-:- dynamic lpad_pred/4.
-:- dynamic lpad_head_table/1.       % Arity: lpad_head/(Arity+3) is declared
+:- dynamic lpad_pred/3.
+:- dynamic lpad_head_table/1.       % Arity: lpad_head/(Arity+4) is declared
 :- dynamic lpad_recursive/3.        % Key, Name, Arity: on a predicate cycle
 :- dynamic lpad_recursion/1.        % Key: lpad_recursive/3 is known
 :- dynamic lpad_query/3.            % Key, Goal, Where: a query/1 fact
@@ -615,38 +616,49 @@ lpad_error(Culprit, Where) :-
 % program predicates from now on.
 register_heads([], _).
 register_heads([H-_ | Hs], Key) :-
-    head_pred(H, Key, _),
+    head_pred(H, Key),
     register_heads(Hs, Key).
 
-% head_pred(+Atom, +Key, -PredId): the predicate of Atom, registered when
-% it is new.
-head_pred(H, Key, PredId) :-
+% head_pred(+Atom, +Key): the predicate of Atom, registered when it is new.
+head_pred(H, Key) :-
     functor(H, N, A),
-    (   lpad_pred(Key, N, A, PredId0)
-    ->  PredId = PredId0
-    ;   flag(cplogic_lpad_pred, PredId, PredId + 1),
-        head_table(A),
+    (   lpad_pred(Key, N, A)
+    ->  true
+    ;   head_table(A),
         reserve_auxiliary_name(N),
-        assertz(lpad_pred(Key, N, A, PredId))
+        assertz(lpad_pred(Key, N, A))
     ).
 
 head_table(A) :-
     (   lpad_head_table(A)
     ->  true
-    ;   Arity is A + 3,
+    ;   Arity is A + 4,
         dynamic(lpad_head/Arity),
         assertz(lpad_head_table(A))
     ).
 
-% head_entry(+PredId, ?Ref, ?Pos, +Atom, -Entry): the index clause of head
+% head_entry(+Key, ?Ref, ?Pos, +Atom, -Entry): the index clause of head
 % atom Pos of a clause; with Atom partly bound, the goal that finds the
 % heads that unify with it.
-head_entry(PredId, Ref, Pos, Atom, Entry) :-
+head_entry(Key, Ref, Pos, Atom, Entry) :-
     (   compound(Atom)
-    ->  compound_name_arguments(Atom, _, Args)
-    ;   Args = []
+    ->  compound_name_arguments(Atom, N, Args)
+    ;   N = Atom,
+        Args = []
     ),
-    Entry =.. [lpad_head, PredId, Ref, Pos | Args].
+    Entry =.. [lpad_head, N, Key, Ref, Pos | Args].
+
+% entry_clause(+Ref, +Atom, -Clause): the clause of an index entry whose
+% head atom is Atom.
+entry_clause(Ref, A, Clause) :-
+    (   Ref = c(_, _, _, _, _)
+    ->  Clause = Ref
+    ;   Ref = f(P, Where)
+    ->  Clause = c(0, [A-P], r(same, [], []), Where, rule)
+    ;   Ref = s(P, Negs, Poss, Where)
+    ->  Clause = c(0, [A-P], r(same, Negs, Poss), Where, rule)
+    ;   lpad_clause(Ref, _, Clause)
+    ).
 
 % A saved theory holds the auxiliary atoms of another session: the names
 % made from now on are above theirs, so that none is made twice.
@@ -676,13 +688,16 @@ store_clause(Key, Heads-Body-Where) :-
         ->  flag(cplogic_lpad_clause, Id, Id + 1)
         ;   Id = 0
         ),
-        head_pred(H, Key, PredId),
+        head_pred(H, Key),
         reserve_auxiliary_atom(H),
         (   Stored == r(same, [], [])
         ->  Ref = f(P, Where)
+        ;   Kind == rule,
+            Stored = r(same, Negs, Poss)
+        ->  Ref = s(P, Negs, Poss, Where)
         ;   Ref = c(Id, Heads, Stored, Where, Kind)
         ),
-        head_entry(PredId, Ref, 1, H, Entry),
+        head_entry(Key, Ref, 1, H, Entry),
         assertz(Entry)
     ;   flag(cplogic_lpad_clause, Id, Id + 1),
         assertz(lpad_clause(Id, Key, c(Id, Heads, Stored, Where, Kind))),
@@ -696,36 +711,37 @@ clause_kind(Heads, Body, Kind, Stored) :-
     ->  Kind = rule,                    % a fact
         Stored = r(same, [], [])
     ;   ground(Heads-Body)
-    ->  (   memberchk(call(_), Body)
-        ->  Kind = ground,
-            Stored = Body
-        ;   split_literals(Body, Negs0, Poss0),
-            sort(Negs0, Negs),
+    ->  (   split_literals(Body, Negs0, Poss0)
+        ->  sort(Negs0, Negs),
             sort(Poss0, Poss),
-            merge_heads(Heads, Merged),
-            (   Merged == Heads -> MH = same ; MH = Merged ),
+            (   Heads = [_]
+            ->  MH = same
+            ;   merge_heads(Heads, Merged),
+                (   Merged == Heads -> MH = same ; MH = Merged )
+            ),
             Stored = r(MH, Negs, Poss),
             (   ord_disjoint(Negs, Poss) -> Kind = rule ; Kind = never )
+        ;   Kind = ground,              % with calls
+            Stored = Body
         )
     ;   Kind = open,
         Stored = Body
     ).
 
+% split_literals(+Lits, -Negs, -Poss) fails for a body with calls.
 split_literals([], [], []).
 split_literals([L | Ls], Ns, Ps) :-
-    (   L = neg(A)
-    ->  Ns = [A | Ns1],
-        split_literals(Ls, Ns1, Ps)
-    ;   arg(1, L, A),
-        Ps = [A | Ps1],
-        split_literals(Ls, Ns, Ps1)
-    ).
+    split_literal(L, Ns, Ns1, Ps, Ps1),
+    split_literals(Ls, Ns1, Ps1).
+
+split_literal(neg(A), [A | Ns], Ns, Ps, Ps).
+split_literal(pos(A), Ns, Ns, [A | Ps], Ps).
 
 index_heads([], _, _, _).
 index_heads([H-_ | Hs], Pos, Key, Id) :-
-    head_pred(H, Key, PredId),
+    head_pred(H, Key),
     reserve_auxiliary_atom(H),
-    head_entry(PredId, Id, Pos, H, Entry),
+    head_entry(Key, Id, Pos, H, Entry),
     assertz(Entry),
     Pos1 is Pos + 1,
     index_heads(Hs, Pos1, Key, Id).
@@ -743,10 +759,13 @@ recursive_pred(Key, N, A) :-
 
 recursive_predicates(Key) :-
     trie_new(Edges),
-    forall(( lpad_pred(Key, _, Ar, PredId),
+    forall(( lpad_pred(Key, N, Ar),
              length(Args, Ar),
-             Entry =.. [lpad_head, PredId, c(_, Heads, Body, _, _), _ | Args],
-             call(Entry)
+             Entry =.. [lpad_head, N, Key, Ref, _ | Args],
+             call(Entry),
+             \+ integer(Ref),          % in lpad_clause/3, below
+             A =.. [N | Args],
+             entry_clause(Ref, A, c(_, Heads, Body, _, _))
            ),
            clause_edges(Heads, Body, Edges)),
     forall(lpad_clause(_, Key, c(_, Heads, Body, _, _)),
@@ -800,19 +819,19 @@ body_edges([L | Ls], P, Edges) :-
 program_pred(Key, G) :-
     callable(G),
     functor(G, N, A),
-    lpad_pred(Key, N, A, _).
+    lpad_pred(Key, N, A).
 
 % Drops the program Key, its theory object and the library's tables of it
 % (the user's tables stay).
 forget_program(none) :-
     !.
 forget_program(Key) :-
-    forall(lpad_pred(Key, _, A, PredId),
+    forall(lpad_pred(Key, N, A),
            (   length(Args, A),
-               Entry =.. [lpad_head, PredId, _, _ | Args],
+               Entry =.. [lpad_head, N, Key, _, _ | Args],
                retractall(Entry)
            )),
-    retractall(lpad_pred(Key, _, _, _)),
+    retractall(lpad_pred(Key, _, _)),
     retractall(lpad_clause(_, Key, _)),
     retractall(lpad_recursive(Key, _, _)),
     retractall(lpad_recursion(Key)),
@@ -835,16 +854,11 @@ forget_theory(Key) :-
 % clause_for_head(+Key, ?Atom, -Clause, -Pos): head atom Pos of Clause
 % unifies with Atom.
 clause_for_head(Key, A, Clause, Pos) :-
-    functor(A, N, Ar),
-    lpad_pred(Key, N, Ar, PredId),
-    head_entry(PredId, Ref, Pos, A, Goal),
+    functor(A, _, Ar),
+    lpad_head_table(Ar),
+    head_entry(Key, Ref, Pos, A, Goal),
     call(Goal),
-    (   Ref = c(_, _, _, _, _)
-    ->  Clause = Ref
-    ;   Ref = f(P, Where)
-    ->  Clause = c(0, [A-P], r(same, [], []), Where, rule)
-    ;   lpad_clause(Ref, _, Clause)
-    ).
+    entry_clause(Ref, A, Clause).
 
                  /*******************************
                  *            BODIES            *
@@ -963,7 +977,7 @@ aux_clause(Atom, Ctx, D, [Clause | Aux0], Aux) :-
 prob_goal(G, Key) :-
     callable(G),
     functor(G, N, A),
-    lpad_pred(Key, N, A, _).
+    lpad_pred(Key, N, A).
 
 % A goal that calls a program atom: through a control construct or as a
 % meta-argument (findall/3, forall/2, call/N, ...). A meta-argument that is
@@ -1496,7 +1510,20 @@ first_in_list([B | Bs], Seen, Fs0, Fs) :-
 % head; New is false for a rule that another head atom added before, which
 % still gives A's dependencies (so that the walk meets every cycle).
 rule_for_atom(Key, A, Rule, New) :-
-    clause_for_head(Key, A, c(Id, Heads, Body, Where, Kind), Pos),
+    functor(A, _, Ar),
+    lpad_head_table(Ar),
+    head_entry(Key, Ref, Pos, A, Goal),
+    call(Goal),
+    entry_rule(Ref, Key, Pos, A, Rule, New).
+
+% A ground fact or rule of one head atom is new: its atom is expanded once
+% per theory (once_per_theory/4).
+entry_rule(f(P, Where), _, _, A, rule([A-P], np([], []), Where), true) :-
+    !.
+entry_rule(s(P, Negs, Poss, Where), _, _, A, rule([A-P], np(Negs, Poss), Where), true) :-
+    !.
+entry_rule(Ref, Key, Pos, A, Rule, New) :-
+    entry_clause(Ref, A, c(Id, Heads, Body, Where, Kind)),
     clause_rule(Kind, Key, Id, Pos, A, Heads, Body, Where, Rule, New).
 
 clause_rule(rule, Key, Id, _, _, Heads, r(MH, Negs, Poss), Where,
@@ -1708,7 +1735,7 @@ call_goal(Key, G, Where) :-
 
 program_call(Key, G, PI, Ctx, Where) :-
     (   PI = _:N/A -> true ; PI = N/A ),
-    (   lpad_pred(Key, N, A, _)
+    (   lpad_pred(Key, N, A)
     ->  throw(error(cplogic_error(meta_call(G), Where), _))
     ;   throw(error(existence_error(procedure, PI), Ctx))
     ).
