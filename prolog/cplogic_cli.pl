@@ -201,25 +201,26 @@ output_option('--hugin', hugin).
 usage_text(format(F, A), Text) :- !, format(string(Text), F, A).
 usage_text(Text, Text).
 
-% Goals are read with the library's operators (P::H).
+% Goals are read with the library's operators (P::H) and checked as
+% prob/3 checks its query and evidence.
 read_goal(What, Text, Term) :-
     (   catch(term_string(Term, Text, [module(cplogic_lpad)]), _, fail)
     ->  true
     ;   throw(usage(format("cannot read ~w '~w' as a Prolog term", [What, Text])))
-    ),
-    (   callable(Term)
-    ->  true
-    ;   throw(usage(format("~w '~w' is not a goal", [What, Text])))
     ).
 
 parse_goal_arg(Text, Term) :-
-    read_goal(query, Text, Term).
+    read_goal(query, Text, Term),
+    (   cplogic_lpad:query_goal(Term)
+    ->  true
+    ;   throw(usage(format("query '~w' is not a goal", [Text])))
+    ).
 
 parse_evidence_arg(Text, Literal) :-
     read_goal(evidence, Text, Literal),
-    (   Literal = (\+ G), \+ callable(G)
-    ->  throw(usage(format("evidence '~w' is not a goal or \\+ of one", [Text])))
-    ;   true
+    (   cplogic_lpad:evidence_literal(Literal, _, _)
+    ->  true
+    ;   throw(usage(format("evidence '~w' is not a goal or \\+ of one", [Text])))
     ).
 
                  /*******************************

@@ -41,6 +41,9 @@ error naming the atoms of one such cycle.
 :- use_module(library(pairs)).
 :- use_module(library(ordsets)).
 
+% Arithmetic compiled inline (the flag holds for this file only).
+:- set_prolog_flag(optimise, true).
+
 %!  acyclic_rules(+Rules, -Acyclic) is det.
 %
 %   Rules is a list of rule(Heads, Lits, Where), Heads = [Atom-Prob, ...],

@@ -85,6 +85,9 @@ body is solved (not range-restricted).
 :- use_module(cplogic_cycles).
 :- use_module(cplogic_read).
 
+% Arithmetic compiled inline (the flag holds for this file only).
+:- set_prolog_flag(optimise, true).
+
 :- meta_predicate
     prob(:, -),
     prob(:, +, -),
@@ -99,35 +102,55 @@ body is solved (not range-restricted).
     lpad_theory(:, -),
     lpad_ground(:, -).
 
-% lpad_clause(Id, Module, Heads, Body, Where): Id is unique over all modules;
-% Heads = [Atom-Prob, ...] without null atoms, Prob a float or an expression
-% that the body binds; Body = [pos(A) | neg(A) | call(G), ...]; Where names
-% the clause in messages.
-:- dynamic lpad_clause/5.
-% lpad_index(Key, Head, Id, Pos, Ground, Module): head atom Pos of clause Id
-% is Head; Key is one of the hashes of head_keys/3. Ground is true for a
-% clause without variables, which has a single grounding.
-:- dynamic lpad_index/6.
-:- dynamic lpad_key_count/3.        % Key, Count, Module: index entries of Key
-:- dynamic lpad_pred/3.             % Module, Name, Arity: a program predicate
-:- dynamic lpad_recursive/3.        % Module, Name, Arity: on a predicate cycle
-:- dynamic lpad_query/3.            % Module, Goal, Where: a query/1 fact
-:- dynamic lpad_evidence/3.         % Module, Literal, Where: an evidence fact
-:- dynamic lpad_goal/3.             % Module, Key, Goal-Head: a goal's clause
-:- dynamic lpad_pending/3.          % Module, Item, Where: being read
+% A program has a key of its own (an integer), so that a program being read
+% is built beside the one in force and replaces it only once it is complete:
+% a refused program leaves the previous one as it was.
+:- dynamic lpad_program/2.          % Module, Key: the program in force
+:- dynamic lpad_module/2.           % Key, Module: whose program Key is
+% A clause is c(Id, Heads, Body, Where, Kind): Heads = [Atom-Prob, ...]
+% without null atoms, Prob a float or an expression that the body binds;
+% Where names the clause in messages; Id is unique over all programs for a
+% clause of several head atoms or with variables (0 for the others). Kind:
+%   open:   Body = [pos(A) | neg(A) | call(G), ...], with variables;
+%   ground: the same without variables, with calls to run once;
+%   rule:   without variables or calls, Body = r(Merged, Negs, Poss), the
+%           rule's pooled head (`same` when it is Heads) and the sorted
+%           atoms of its negative and positive literals;
+%   never:  as rule, but the body has an atom and its negation.
+% lpad_pred(Key, Name, Arity): a program predicate. Its head atoms are the
+% clauses lpad_head(Name, Key, Ref, Pos, Arg1, ..., ArgN) of the predicate
+% lpad_head/(N+4), one per arity: the arguments are arguments of the
+% clause, so that SWI-Prolog's just-in-time indexes find the heads by the
+% name and any bound argument. Ref is the clause itself when it has one
+% head atom, otherwise its Id, and lpad_clause(Id, Key, Clause) holds it.
+% A clause of one head atom A:P is stored shorter when it is a ground fact,
+% f(P, Where), or a rule worked out at install, s(P, Negs, Poss, Where).
+:- dynamic lpad_clause/3.
+:- dynamic lpad_pred/3.
+:- dynamic lpad_head_table/1.       % Arity: lpad_head/(Arity+4) is declared
+:- dynamic lpad_recursive/3.        % Key, Name, Arity: on a predicate cycle
+:- dynamic lpad_recursion/1.        % Key: lpad_recursive/3 is known
+:- dynamic lpad_query/3.            % Key, Goal, Where: a query/1 fact
+:- dynamic lpad_evidence/3.         % Key, Literal, Where: an evidence fact
+:- dynamic lpad_goal/3.             % Key, VariantKey, Goal-Head: a goal's clause
+:- dynamic lpad_staging/1.          % Key: items wait for the predicate set
+:- dynamic lpad_load_safe/1.        % Key: checked as safe(true)
 :- dynamic lpad_block_done/3.       % Module, File, Stream: the block of this load
 :- dynamic lpad_second_block/1.     % Module: a second block is being dropped
-:- dynamic lpad_safe/1.              % Module: its blocks are checked as safe(true)
-:- dynamic lpad_loading/4.          % Key, Item, Where, VarNames: lpad_load/3 reading
-:- dynamic lpad_reading/2.          % Module, File
+:- dynamic lpad_safe/1.             % Module: its blocks are checked as safe(true)
+:- dynamic lpad_reading/2.          % Module, Key (none: dropped): a block is read
 :- dynamic lpad_read_error/1.       % Module: a clause of the block was refused
-:- dynamic lpad_program/1.          % Module: it has a program
-:- dynamic lpad_object/2.           % Module, Theory
-:- dynamic lpad_rule/5.             % Hash, ClauseId, Heads, Lits, Module: added
-:- dynamic lpad_done/2.             % ClauseId, Module: ground clause in the theory
-:- dynamic lpad_collected/1.        % Rule: grounded, not yet in the theory
-:- dynamic lpad_false/3.            % Hash, Atom, Module: Atom never holds
+:- dynamic lpad_object/2.           % Key, Theory
+:- dynamic lpad_rule/5.             % Hash, ClauseId, Heads, Lits, Key: added
+:- dynamic lpad_done/2.             % ClauseId, Key: ground clause in the theory
+:- dynamic lpad_false/3.            % Hash, Atom, Key: Atom never holds
 :- dynamic lpad_support/3.          % Hash, Atom, Supports: see decide_support/2
+
+% Two lists live in the recorded database, which stores a large term
+% faster than assertz/1 compiles it: under the key cplogic_stage the items
+% s(Key, Item, Where, VarNames) that were read and wait for the predicate
+% set, and under cplogic_collected the rules a grounding has collected and
+% not yet added to the theory.
 
 :- multifile prolog:message//1.
 :- multifile user:term_expansion/2.
@@ -145,9 +168,10 @@ begin_lpad :-
     prolog_load_context(module, M),
     (   prolog_load_context(source, File) -> true ; File = user ),
     (   prolog_load_context(stream, In) -> true ; In = none ),
+    drop_block(M),
     (   lpad_block_done(M, File, In)
     ->  % the clauses up to end_lpad are read and dropped
-        assertz(lpad_reading(M, File)),
+        assertz(lpad_reading(M, none)),
         assertz(lpad_read_error(M)),
         assertz(lpad_second_block(M)),
         (   source_location(_, Line) -> Where = File:Line ; Where = File ),
@@ -155,10 +179,15 @@ begin_lpad :-
     ;   retractall(lpad_block_done(M, File, _)),
         assertz(lpad_block_done(M, File, In))
     ),
-    retractall(lpad_pending(M, _, _)),
     retractall(lpad_read_error(M)),
-    retractall(lpad_reading(M, _)),
-    assertz(lpad_reading(M, File)).
+    (   lpad_safe(M) -> Safe = true ; Safe = false ),
+    new_program(M, Safe, Key),
+    assertz(lpad_reading(M, Key)).
+
+% A block that was begun and never ended is dropped.
+drop_block(M) :-
+    forall(retract(lpad_reading(M, Key)),
+           (   Key == none -> true ; drop_program(Key) )).
 
 %!  end_lpad is det.
 %
@@ -166,20 +195,21 @@ begin_lpad :-
 %   one of them was refused, the previous program stays in force.
 end_lpad :-
     prolog_load_context(module, M),
-    retractall(lpad_reading(M, _)),
-    findall(I-W, retract(lpad_pending(M, I, W)), Items),
+    (   retract(lpad_reading(M, Key0))
+    ->  Key = Key0
+    ;   new_program(M, false, Key)      % an empty program
+    ),
     (   retract(lpad_second_block(M))
-    ->  retractall(lpad_read_error(M))  % begin_lpad said why
+    ->  retractall(lpad_read_error(M)), % begin_lpad said why
+        drop_program(Key)
     ;   retract(lpad_read_error(M))
-    ->  print_message(error, cplogic(program_not_loaded(M)))
-    ;   catch(( (   lpad_safe(M)
-                ->  findall(I-W-[], member(I-W, Items), Named),
-                    check_safe_program(M, Named)
-                ;   true
-                ),
-                install_program(M, Items)
+    ->  drop_program(Key),
+        print_message(error, cplogic(program_not_loaded(M)))
+    ;   catch(( finish_program(Key),
+                switch_program(M, Key)
               ), E,
-              print_message(error, E))
+              ( drop_program(Key),
+                print_message(error, E) ))
     ).
 
 %!  lpad_safe_module(+Module) is det.
@@ -192,12 +222,12 @@ lpad_safe_module(M) :-
 
 user:term_expansion(Term, []) :-
     prolog_load_context(module, M),
-    lpad_reading(M, _),
+    lpad_reading(M, Key),
     Term \= (:- _),
     Term \= end_of_file,
     (   source_location(File, Line) -> Where = File:Line ; Where = Term ),
     catch(( parse_term(Term, Where, Item),
-            assertz(lpad_pending(M, Item, Where))
+            (   Key == none -> true ; add_item(Key, Item, Where, []) )
           ),
           E,
           ( assertz(lpad_read_error(M)), print_message(error, E) )).
@@ -230,58 +260,223 @@ lpad_load(File, M, Options) :-
     option(safe(Safe), Options, false),
     must_be(boolean, Safe),
     (   is_of_type(text, File) -> true ; type_error(file_name, File) ),
-    flag(cplogic_load, Key, Key + 1),
     op(700, xfx, M:(::)),               % the file is read with M's operators
-    setup_call_cleanup(
-        true,
-        ( read_program(File, load_term(Key, M),
-                       [variable_names(true), module(M)]),
-          findall(I-W, lpad_loading(Key, I, W, _), Items),
-          (   Safe == true
-          ->  findall(I-W-Ns, lpad_loading(Key, I, W, Ns), Named),
-              check_safe_program(M, Named)
-          ;   true
-          ),
-          install_program(M, Items)
-        ),
-        retractall(lpad_loading(Key, _, _, _))).
+    new_program(M, Safe, Key),
+    (   catch(( read_program(File, load_term(Key),
+                             [variable_names(true), module(M)]),
+                finish_program(Key)
+              ), E, true)
+    ->  (   var(E)
+        ->  switch_program(M, Key)
+        ;   drop_program(Key),
+            throw(E)
+        )
+    ;   drop_program(Key),
+        fail
+    ).
 
-% Each term is checked and stored as it is read, so that only the program
-% itself, not the file's text, is held.
-load_term(_, M, (:- D), _, _) :-
+% Each term is checked, parsed and installed as it is read, so that only
+% the program itself, not the file's text, is held.
+load_term(Key, (:- D), _, _) :-
     !,
     (   nonvar(D), D = op(P, T, N)
-    ->  op(P, T, M:N)
+    ->  lpad_module(Key, M),
+        op(P, T, M:N)
     ;   true
     ).
-load_term(Key, _, Term, Where, Names) :-
-    check_clause(Term, Where, Names),
-    parse_term(Term, Where, Item),
-    assertz(lpad_loading(Key, Item, Where, Names)).
+load_term(Key, Term, Where, Names) :-
+    check_clause_head(Term, Where, Names),
+    (   nonvar(Term),
+        Term = (Head :- Body),
+        body_shape(Body, Where, Lits, [])
+    ->  parse_heads(Head, Where, Heads),
+        add_item(Key, lits(Heads, Lits), Where, Names)
+    ;   (   nonvar(Term), Term = (_ :- Body)
+        ->  check_no_argumentless(Body, Where)
+        ;   true
+        ),
+        parse_term(Term, Where, Item),
+        add_item(Key, Item, Where, Names)
+    ).
 
-% Safe mode: the goals that are not program atoms run as Prolog while
-% grounding, so each must pass the sandbox.
-% Items = [Item-Where-VarNames, ...].
-check_safe_program(M, Items) :-
-    findall(N/A, ( member(clause(Hs, _)-_-_, Items), member(H-_, Hs),
-                   functor(H, N, A) ), Preds0),
-    sort(Preds0, Preds),
-    forall(member(Item-Where-Names, Items),
-           (   item_goal(Item, G)
-           ->  safe_goals(G, M, Preds, Where, Names)
-           ;   true
-           )).
+% body_shape(+Body, +Where, -Lits, ?Tail): the literals of a body that is a
+% conjunction of atoms and negated ground atoms, as body_literals/7 makes
+% them when each atom is a program atom; fails for any other body. The
+% terms of the literals are checked as check_clause/3 does, in its order.
+body_shape(G, Where, L0, L) :-
+    nonvar(G),
+    (   G = (A, B)
+    ->  body_shape(A, Where, L0, L1),
+        body_shape(B, Where, L1, L)
+    ;   G == true
+    ->  L0 = L
+    ;   ( G = (\+ A) ; G = not(A) )
+    ->  shape_atom(A, Where),
+        ground(A),
+        L0 = [neg(A) | L]
+    ;   shape_atom(G, Where),
+        L0 = [pos(G) | L]
+    ).
+
+shape_atom(A, Where) :-
+    (   atom(A)
+    ->  true
+    ;   compound(A),
+        \+ control(A),
+        check_no_argumentless(A, Where)
+    ).
+
+% new_program(+Module, +Safe, -Key): an empty program for Module, not yet
+% in force.
+new_program(M, Safe, Key) :-
+    flag(cplogic_lpad_program, Key, Key + 1),
+    assertz(lpad_module(Key, M)),
+    (   Safe == true -> assertz(lpad_load_safe(Key)) ; true ).
+
+% The program Key, read completely, becomes Module's.
+switch_program(M, Key) :-
+    with_mutex(cplogic_lpad,
+               ( forall(retract(lpad_program(M, Old)), forget_program(Old)),
+                 assertz(lpad_program(M, Key)) )).
+
+drop_program(Key) :-
+    with_mutex(cplogic_lpad, forget_program(Key)).
+
+% add_item(+Key, +Item, +Where, +VarNames): installs Item now when what it
+% means does not depend on clauses that come later: a clause whose body
+% has only atoms of predicates with a clause before it (or its own head),
+% negated or not. Any other body goal could become a program atom, so it
+% waits, and so does everything after it, which keeps the program's order.
+add_item(Key, clause(Heads, true), Where, _) :-
+    \+ lpad_staging(Key),
+    !,                                  % a fact: stored now, as it is
+    store_clause(Key, Heads-[]-Where).
+add_item(Key, lits(Heads, Lits), Where, Names) :-
+    !,
+    register_heads(Heads, Key),
+    (   \+ lpad_staging(Key),
+        known_literals(Lits, Key)
+    ->  store_clause(Key, Heads-Lits-Where)
+    ;   stage(Key, lits(Heads, Lits), Where, Names)
+    ).
+add_item(Key, Item, Where, Names) :-
+    (   Item = clause(Heads, _) -> register_heads(Heads, Key) ; true ),
+    (   \+ lpad_staging(Key),
+        settled_item(Item, Key)
+    ->  install_item(Item, Key, Where)
+    ;   stage(Key, Item, Where, Names)
+    ).
+
+stage(Key, Item, Where, Names) :-
+    (   lpad_staging(Key) -> true ; assertz(lpad_staging(Key)) ),
+    (   lpad_load_safe(Key) -> Kept = Names ; Kept = [] ),
+    recordz(cplogic_stage, s(Key, Item, Where, Kept)).
+
+known_literals([], _).
+known_literals([L | Ls], Key) :-
+    arg(1, L, A),
+    prob_goal(A, Key),
+    known_literals(Ls, Key).
+
+% literals_goal(+Lits, -Goal): the body that Lits were made from (with
+% \+ for not/1, which means the same).
+literals_goal([], true).
+literals_goal([L | Ls], G) :-
+    literal_goal(L, G0),
+    (   Ls == [] -> G = G0 ; G = (G0, G1), literals_goal(Ls, G1) ).
+
+literal_goal(pos(A), A).
+literal_goal(neg(A), \+ A).
+
+settled_item(clause(_, Body), Key) :-
+    settled_body(Body, Key).
+settled_item(query(Q), Key) :-
+    (   lpad_load_safe(Key) -> settled_body(Q, Key) ; true ).
+settled_item(evidence(E), Key) :-
+    (   lpad_load_safe(Key) -> settled_body(E, Key) ; true ).
+
+settled_body(G, Key) :-
+    nonvar(G),
+    (   G = (A, B)
+    ->  settled_body(A, Key),
+        settled_body(B, Key)
+    ;   G == true
+    ->  true
+    ;   ( G = (\+ A) ; G = not(A) )
+    ->  prob_goal(A, Key)
+    ;   \+ control(G),
+        prob_goal(G, Key)
+    ).
+
+install_item(clause(Heads, Raw), Key, Where) :-
+    (   literal_body(Raw, Key, Lits, [])
+    ->  store_clause(Key, Heads-Lits-Where)
+    ;   lpad_module(Key, M),
+        body_clauses(body(Key, M, Where), Heads, Raw, Clauses, []),
+        maplist(store_clause(Key), Clauses)
+    ).
+install_item(lits(Heads, Lits), Key, Where) :-
+    (   known_literals(Lits, Key)
+    ->  store_clause(Key, Heads-Lits-Where)
+    ;   literals_goal(Lits, Raw),
+        install_item(clause(Heads, Raw), Key, Where)
+    ).
+install_item(query(Q), Key, Where) :-
+    assertz(lpad_query(Key, Q, Where)).
+install_item(evidence(E), Key, Where) :-
+    assertz(lpad_evidence(Key, E, Where)).
+
+% literal_body(+Body, +Key, -Lits, ?Tail): the literals of a body of program
+% atoms and ground negated program atoms, as body_literals/7 makes them,
+% in one pass; fails for any other body.
+literal_body(G, Key, L0, L) :-
+    nonvar(G),
+    (   G = (A, B)
+    ->  literal_body(A, Key, L0, L1),
+        literal_body(B, Key, L1, L)
+    ;   G == true
+    ->  L0 = L
+    ;   ( G = (\+ A) ; G = not(A) )
+    ->  nonvar(A),
+        ground(A),
+        prob_goal(A, Key),
+        L0 = [neg(A) | L]
+    ;   prob_goal(G, Key),
+        L0 = [pos(G) | L]
+    ).
+
+% The items that waited for the predicate set, in the order they were read;
+% in safe mode all of them are checked before any is installed.
+finish_program(Key) :-
+    (   lpad_load_safe(Key)
+    ->  lpad_module(Key, M),
+        forall(recorded(cplogic_stage, s(Key, Item, Where, Names)),
+               (   item_goal(Item, G)
+               ->  safe_goals(G, M, Key, Where, Names)
+               ;   true
+               ))
+    ;   true
+    ),
+    forall(recorded(cplogic_stage, s(Key, Item, Where, _), Ref),
+           ( erase(Ref),
+             install_item(Item, Key, Where) )),
+    retractall(lpad_staging(Key)),
+    retractall(lpad_load_safe(Key)).
 
 item_goal(clause(_, B), B).
+item_goal(lits(_, Lits), B) :-
+    literals_goal(Lits, B).
 item_goal(query(Q), Q).
 item_goal(evidence(E), E).
 
-safe_goals(G, M, Preds, Where, Names) :-
+% Safe mode: the goals that are not program atoms run as Prolog while
+% grounding, so each must pass the sandbox.
+safe_goals(G, M, Key, Where, Names) :-
     (   var(G)
     ->  true                            % bound by a query's answer
     ;   control_goal(G, Args)
-    ->  forall(member(A, Args), safe_goals(A, M, Preds, Where, Names))
-    ;   callable(G), functor(G, N, A), ord_memberchk(N/A, Preds)
+    ->  forall(member(A, Args), safe_goals(A, M, Key, Where, Names))
+    ;   prob_goal(G, Key)
     ->  true
     ;   G == true
     ->  true
@@ -324,11 +519,14 @@ program_goal(G, Fact, Where) :-
 % parse_clause(+Term, +Where, -Heads, -RawBody)
 parse_clause(Term, Where, Heads, Body) :-
     (   Term = (Head :- Body0) -> true ; Head = Term, Body0 = true ),
+    parse_heads(Head, Where, Heads),
+    Body = Body0.
+
+parse_heads(Head, Where, Heads) :-
     (   var(Head) -> lpad_error(bad_head(Head), Where) ; true ),
     head_list(Head, Where, Heads0),
     check_probabilities(Heads0, Where),
-    exclude(null_head, Heads0, Heads),
-    Body = Body0.
+    without_null(Heads0, Heads).
 
 head_list(Head, Where, Heads) :-
     (   Head = (A ; B)
@@ -372,7 +570,12 @@ probability(Expr, Where, P) :-
     ).
 
 probability_value(Expr, Where, P) :-
-    (   ground(Expr),
+    (   number(Expr)                    % evaluates to itself
+    ->  (   Expr < 0
+        ->  lpad_error(negative_probability(Expr), Where)
+        ;   P is float(Expr)
+        )
+    ;   ground(Expr),
         catch(V is Expr, _, fail),
         number(V)
     ->  (   V < 0
@@ -383,15 +586,24 @@ probability_value(Expr, Where, P) :-
     ).
 
 check_probabilities(Heads, Where) :-
-    pairs_values(Heads, Ps0),
-    include(number, Ps0, Ps),
-    sum_list(Ps, Sum),
+    number_sum(Heads, 0, Sum),
     (   Sum > 1.0 + 1.0e-9
     ->  lpad_error(probabilities_above_one(Sum), Where)
     ;   true
     ).
 
-null_head(null-_).
+number_sum([], S, S).
+number_sum([_-P | Hs], S0, S) :-
+    (   number(P) -> S1 is S0 + P ; S1 = S0 ),
+    number_sum(Hs, S1, S).
+
+without_null([], []).
+without_null([H | Hs0], Hs) :-
+    (   H = null-_
+    ->  without_null(Hs0, Hs)
+    ;   Hs = [H | Hs1],
+        without_null(Hs0, Hs1)
+    ).
 
 lpad_error(Culprit, Where) :-
     throw(error(cplogic_error(Culprit, Where), _)).
@@ -400,75 +612,263 @@ lpad_error(Culprit, Where) :-
                  *      INSTALLING A PROGRAM    *
                  *******************************/
 
-% install_program(+Module, +Items): Items = [Item-Where, ...] as parse_term/3
-% gives them. The probabilistic predicates are those that some head
-% defines; any other body goal is a call made while grounding. Everything
-% is checked before the old program is dropped.
-install_program(M, Items) :-
-    findall(Hs-B-W, member(clause(Hs, B)-W, Items), Clauses0),
-    findall(N/A, ( member(Hs-_-_, Clauses0), member(H-_, Hs),
-                   functor(H, N, A) ), Preds0),
-    sort(Preds0, Preds),
-    list_to_assoc_set(Preds, PredSet),
-    foldl(body_clauses(M, PredSet), Clauses0, Clauses, []),
-    forget_program(M),
-    reserve_auxiliary_names(Clauses),
-    assertz(lpad_program(M)),
-    findall(N/A, ( member(Hs-_-_, Clauses), member(H-_, Hs), functor(H, N, A) ), All0),
-    sort(All0, All),
-    forall(member(N/A, All), assertz(lpad_pred(M, N, A))),
-    add_clauses(M, Clauses),
-    recursive_predicates(M, Clauses),
-    forall(member(query(Q)-W, Items), assertz(lpad_query(M, Q, W))),
-    forall(member(evidence(E)-W, Items), assertz(lpad_evidence(M, E, W))).
+% register_heads(+Heads, +Key): the predicates of the head atoms are
+% program predicates from now on.
+register_heads([], _).
+register_heads([H-_ | Hs], Key) :-
+    head_pred(H, Key),
+    register_heads(Hs, Key).
+
+% head_pred(+Atom, +Key): the predicate of Atom, registered when it is new.
+head_pred(H, Key) :-
+    functor(H, N, A),
+    (   lpad_pred(Key, N, A)
+    ->  true
+    ;   head_table(A),
+        reserve_auxiliary_name(N),
+        assertz(lpad_pred(Key, N, A))
+    ).
+
+head_table(A) :-
+    (   lpad_head_table(A)
+    ->  true
+    ;   Arity is A + 4,
+        dynamic(lpad_head/Arity),
+        assertz(lpad_head_table(A))
+    ).
+
+% head_entry(+Key, ?Ref, ?Pos, +Atom, -Entry): the index clause of head
+% atom Pos of a clause; with Atom partly bound, the goal that finds the
+% heads that unify with it.
+head_entry(Key, Ref, Pos, Atom, Entry) :-
+    (   compound(Atom)
+    ->  compound_name_arguments(Atom, N, Args)
+    ;   N = Atom,
+        Args = []
+    ),
+    Entry =.. [lpad_head, N, Key, Ref, Pos | Args].
+
+% entry_clause(+Ref, +Atom, -Clause): the clause of an index entry whose
+% head atom is Atom.
+entry_clause(Ref, A, Clause) :-
+    (   Ref = c(_, _, _, _, _)
+    ->  Clause = Ref
+    ;   Ref = f(P, Where)
+    ->  Clause = c(0, [A-P], r(same, [], []), Where, rule)
+    ;   Ref = s(P, Negs, Poss, Where)
+    ->  Clause = c(0, [A-P], r(same, Negs, Poss), Where, rule)
+    ;   lpad_clause(Ref, _, Clause)
+    ).
 
 % A saved theory holds the auxiliary atoms of another session: the names
 % made from now on are above theirs, so that none is made twice.
-reserve_auxiliary_names(Clauses) :-
-    forall(( member(Hs-_-_, Clauses), member(H-_, Hs) ),
-           (   H = '$cplogic_aux'(N), integer(N)
-           ->  flag(cplogic_aux_atom, N0, max(N0, N + 1))
-           ;   functor(H, Name, _),
-               atom_concat('$cplogic_', Rest, Name),
-               ( atom_concat(body_, Num, Rest) ; atom_concat(goal_, Num, Rest) ),
-               atom_number(Num, N), integer(N)
-           ->  flag(cplogic_aux_pred, N0, max(N0, N + 1))
-           ;   true
-           )).
+reserve_auxiliary_name(Name) :-
+    (   atom(Name),
+        atom_concat('$cplogic_', Rest, Name),
+        ( atom_concat(body_, Num, Rest) ; atom_concat(goal_, Num, Rest) ),
+        atom_number(Num, N), integer(N)
+    ->  flag(cplogic_aux_pred, N0, max(N0, N + 1))
+    ;   true
+    ).
 
-list_to_assoc_set(Keys, Set) :-
-    pairs_keys_values(Pairs, Keys, Keys),
-    list_to_assoc(Pairs, Set).
+reserve_auxiliary_atom(H) :-
+    (   H = '$cplogic_aux'(N), integer(N)
+    ->  flag(cplogic_aux_atom, N0, max(N0, N + 1))
+    ;   true
+    ).
 
-% add_clauses(+M, +Clauses): stores Heads-Body-Where clauses and counts
-% their index keys.
-add_clauses(M, Clauses) :-
-    foldl(store_clause(M), Clauses, Keys0, []),
-    msort(Keys0, Keys),
-    clumped(Keys, Counts),
-    forall(member(K-C, Counts), add_key_count(K, C, M)).
+% store_clause(+Key, +Clause): stores Heads-Body-Where with its head atoms
+% in the index (a clause of one head atom is its index entry, a ground fact
+% only f(Prob, Where) beside the arguments of its atom). A ground clause
+% without calls has a single grounding, worked out here.
+store_clause(Key, Heads-Body-Where) :-
+    clause_kind(Heads, Body, Kind, Stored),
+    (   Heads = [H-P]
+    ->  (   Kind == open
+        ->  flag(cplogic_lpad_clause, Id, Id + 1)
+        ;   Id = 0
+        ),
+        head_pred(H, Key),
+        reserve_auxiliary_atom(H),
+        (   Stored == r(same, [], [])
+        ->  Ref = f(P, Where)
+        ;   Kind == rule,
+            Stored = r(same, Negs, Poss)
+        ->  Ref = s(P, Negs, Poss, Where)
+        ;   Ref = c(Id, Heads, Stored, Where, Kind)
+        ),
+        head_entry(Key, Ref, 1, H, Entry),
+        assertz(Entry)
+    ;   flag(cplogic_lpad_clause, Id, Id + 1),
+        assertz(lpad_clause(Id, Key, c(Id, Heads, Stored, Where, Kind))),
+        index_heads(Heads, 1, Key, Id)
+    ).
 
-add_key_count(K, C, M) :-
-    (   retract(lpad_key_count(K, C0, M))
-    ->  C1 is C0 + C
-    ;   C1 = C
+clause_kind(Heads, Body, Kind, Stored) :-
+    (   Body == [],
+        Heads = [_],
+        ground(Heads)
+    ->  Kind = rule,                    % a fact
+        Stored = r(same, [], [])
+    ;   ground(Heads-Body)
+    ->  (   split_literals(Body, Negs0, Poss0)
+        ->  sort(Negs0, Negs),
+            sort(Poss0, Poss),
+            (   Heads = [_]
+            ->  MH = same
+            ;   merge_heads(Heads, Merged),
+                (   Merged == Heads -> MH = same ; MH = Merged )
+            ),
+            Stored = r(MH, Negs, Poss),
+            (   ord_disjoint(Negs, Poss) -> Kind = rule ; Kind = never )
+        ;   Kind = ground,              % with calls
+            Stored = Body
+        )
+    ;   Kind = open,
+        Stored = Body
+    ).
+
+% split_literals(+Lits, -Negs, -Poss) fails for a body with calls.
+split_literals([], [], []).
+split_literals([L | Ls], Ns, Ps) :-
+    split_literal(L, Ns, Ns1, Ps, Ps1),
+    split_literals(Ls, Ns1, Ps1).
+
+split_literal(neg(A), [A | Ns], Ns, Ps, Ps).
+split_literal(pos(A), Ns, Ns, [A | Ps], Ps).
+
+index_heads([], _, _, _).
+index_heads([H-_ | Hs], Pos, Key, Id) :-
+    head_pred(H, Key),
+    reserve_auxiliary_atom(H),
+    head_entry(Key, Id, Pos, H, Entry),
+    assertz(Entry),
+    Pos1 is Pos + 1,
+    index_heads(Hs, Pos1, Key, Id).
+
+% recursive_pred(+Key, +Name, +Arity): the predicate is on a cycle of the
+% predicate dependency graph: only its ground atoms can be on a ground
+% cycle. Only grounding clauses with variables or calls and rules of
+% several head atoms asks, so the graph is made when it is first needed
+% (many programs never need it), in one pass over the program. A predicate
+% on a cycle has edges in and out, so the search needs only the edges
+% between such predicates: none in a program whose rules use only facts.
+recursive_pred(Key, N, A) :-
+    (   lpad_recursion(Key) -> true ; recursive_predicates(Key) ),
+    lpad_recursive(Key, N, A).
+
+recursive_predicates(Key) :-
+    trie_new(Edges),
+    forall(( lpad_pred(Key, N, Ar),
+             length(Args, Ar),
+             Entry =.. [lpad_head, N, Key, Ref, _ | Args],
+             call(Entry),
+             \+ integer(Ref),          % in lpad_clause/3, below
+             A =.. [N | Args],
+             entry_clause(Ref, A, c(_, Heads, Body, _, _))
+           ),
+           clause_edges(Heads, Body, Edges)),
+    forall(lpad_clause(_, Key, c(_, Heads, Body, _, _)),
+           clause_edges(Heads, Body, Edges)),
+    findall(E, trie_gen(Edges, E), Pairs),
+    trie_destroy(Edges),
+    pairs_keys_values(Pairs, From0, To0),
+    sort(From0, From),
+    sort(To0, To),
+    ord_intersection(From, To, Both),
+    (   Both == []
+    ->  true
+    ;   pairs_keys_values(BothPairs, Both, Both),
+        list_to_assoc(BothPairs, BothSet),
+        include(inner_edge(BothSet), Pairs, Inner),
+        cyclic_vertices(Inner, Recursive),
+        forall(member(N/A, Recursive), assertz(lpad_recursive(Key, N, A)))
     ),
-    assertz(lpad_key_count(K, C1, M)).
+    assertz(lpad_recursion(Key)).
 
-program_pred(M, G) :-
+inner_edge(Set, P-Q) :-
+    get_assoc(P, Set, _),
+    get_assoc(Q, Set, _).
+
+% The edges Head -> Body atom, each once (a trie keeps the set).
+clause_edges(Heads, Body, Edges) :-
+    (   Body = r(_, Negs, Poss)
+    ->  maplist(positive, Poss, PLits),
+        maplist(negative, Negs, NLits),
+        append(NLits, PLits, Lits)
+    ;   Lits = Body
+    ),
+    head_edges(Heads, Lits, Edges).
+
+head_edges([], _, _).
+head_edges([H-_ | Hs], Lits, Edges) :-
+    functor(H, HN, HA),
+    body_edges(Lits, HN/HA, Edges),
+    head_edges(Hs, Lits, Edges).
+
+body_edges([], _, _).
+body_edges([L | Ls], P, Edges) :-
+    (   L = call(_)
+    ->  true
+    ;   arg(1, L, B),
+        functor(B, BN, BA),
+        (   trie_insert(Edges, P-(BN/BA)) -> true ; true )
+    ),
+    body_edges(Ls, P, Edges).
+
+program_pred(Key, G) :-
     callable(G),
     functor(G, N, A),
-    lpad_pred(M, N, A).
+    lpad_pred(Key, N, A).
+
+% Drops the program Key, its theory object and the library's tables of it
+% (the user's tables stay).
+forget_program(none) :-
+    !.
+forget_program(Key) :-
+    forall(lpad_pred(Key, N, A),
+           (   length(Args, A),
+               Entry =.. [lpad_head, N, Key, _, _ | Args],
+               retractall(Entry)
+           )),
+    retractall(lpad_pred(Key, _, _)),
+    retractall(lpad_clause(_, Key, _)),
+    retractall(lpad_recursive(Key, _, _)),
+    retractall(lpad_recursion(Key)),
+    retractall(lpad_query(Key, _, _)),
+    retractall(lpad_evidence(Key, _, _)),
+    retractall(lpad_goal(Key, _, _)),
+    forall(recorded(cplogic_stage, s(Key, _, _, _), Ref), erase(Ref)),
+    retractall(lpad_staging(Key)),
+    retractall(lpad_load_safe(Key)),
+    abolish_table_subgoals(cplogic_lpad:possible(Key, _)),
+    forget_theory(Key),
+    retractall(lpad_module(Key, _)).
+
+forget_theory(Key) :-
+    forall(retract(lpad_object(Key, T)), catch(cplogic:pelm_free(T), _, true)),
+    retractall(lpad_rule(_, _, _, _, Key)),
+    retractall(lpad_false(_, _, Key)),
+    retractall(lpad_done(_, Key)).
+
+% clause_for_head(+Key, ?Atom, -Clause, -Pos): head atom Pos of Clause
+% unifies with Atom.
+clause_for_head(Key, A, Clause, Pos) :-
+    functor(A, _, Ar),
+    lpad_head_table(Ar),
+    head_entry(Key, Ref, Pos, A, Goal),
+    call(Goal),
+    entry_clause(Ref, A, Clause).
 
                  /*******************************
                  *            BODIES            *
                  *******************************/
 
-% body_clauses(+M, +Preds, +Clause, -Clauses, ?Tail): the clause with its
-% body as a list of literals, and the auxiliary clauses that define the
-% disjunctions and negated goals of the body.
-body_clauses(M, Preds, Heads-Raw-Where, [Heads-Body-Where | Aux], Tail) :-
-    Ctx = body(M, Preds, Where),
+% body_clauses(+Ctx, +Heads, +Raw, -Clauses, ?Tail): the clause with its body
+% as a list of literals, and the auxiliary clauses that define the
+% disjunctions and negated goals of the body. Ctx = body(Key, Module, Where).
+body_clauses(Ctx, Heads, Raw, [Heads-Body-Where | Aux], Tail) :-
+    arg(3, Ctx, Where),
     pairs_keys_values(Heads, _, Probs),
     body_literals(Raw, Ctx, Heads-Probs, Body, [], Aux, Tail).
 
@@ -491,10 +891,10 @@ body_literals(not(G), Ctx, Out, L0, L, A0, A) :-
     !,
     negated_literal(G, Ctx, Out, L0, L, A0, A).
 body_literals(G, Ctx, Out, L0, L, A0, A) :-
-    Ctx = body(M, Preds, Where),
-    (   prob_goal(G, Preds)
+    Ctx = body(Key, M, Where),
+    (   prob_goal(G, Key)
     ->  L0 = [pos(G) | L], A0 = A
-    ;   \+ mentions_prob_goal(M, G, Preds)
+    ;   \+ mentions_prob_goal(M, G, Key)
     ->  L0 = [call(G) | L], A0 = A
     ;   G = (_;_), \+ if_then(G)
     ->  disjuncts(G, Gs),
@@ -525,16 +925,27 @@ negated_literal(G, body(_, _, Where), _, _, _, _, _) :-
     !,
     lpad_error(variable_goal, Where).
 negated_literal(G, Ctx, Out, L0, L, A0, A) :-
-    Ctx = body(M, Preds, _),
-    (   \+ mentions_prob_goal(M, G, Preds)
+    Ctx = body(Key, M, _),
+    (   prob_goal(G, Key)
+    ->  (   bound_outside(G, Out)
+        ->  L0 = [neg(G) | L], A0 = A
+        ;   aux_clauses([G], G, Ctx, Out, Atom, A0, A),
+            L0 = [neg(Atom) | L]
+        )
+    ;   \+ mentions_prob_goal(M, G, Key)
     ->  L0 = [call(\+ G) | L], A0 = A
-    ;   prob_goal(G, Preds),
-        term_variables(G, Vs),
-        term_variables(Out, OutVs),
-        subset_eq(Vs, OutVs)
-    ->  L0 = [neg(G) | L], A0 = A
     ;   aux_clauses([G], G, Ctx, Out, Atom, A0, A),
         L0 = [neg(Atom) | L]
+    ).
+
+% A ground atom is decided without looking at the rest of the clause, so
+% that a long body of ground literals costs linear time.
+bound_outside(G, Out) :-
+    (   ground(G)
+    ->  true
+    ;   term_variables(G, Vs),
+        term_variables(Out, OutVs),
+        subset_eq(Vs, OutVs)
     ).
 
 subset_eq(Vs, Ws) :-
@@ -563,10 +974,10 @@ aux_clause(Atom, Ctx, D, [Clause | Aux0], Aux) :-
     Clause = [A1-1.0]-Body-Where,
     body_literals(D1, Ctx, A1, Body, [], Aux0, Aux).
 
-prob_goal(G, Preds) :-
+prob_goal(G, Key) :-
     callable(G),
     functor(G, N, A),
-    get_assoc(N/A, Preds, _).
+    lpad_pred(Key, N, A).
 
 % A goal that calls a program atom: through a control construct or as a
 % meta-argument (findall/3, forall/2, call/N, ...). A meta-argument that is
@@ -575,21 +986,21 @@ mentions_prob_goal(_, G, _) :-
     var(G),
     !,
     fail.
-mentions_prob_goal(_, G, Preds) :-
-    prob_goal(G, Preds),
+mentions_prob_goal(_, G, Key) :-
+    prob_goal(G, Key),
     !.
-mentions_prob_goal(M, G, Preds) :-
+mentions_prob_goal(M, G, Key) :-
     compound(G),
     (   control(G)
     ->  G =.. [_ | Args],
         member(Arg, Args),
-        mentions_prob_goal(M, Arg, Preds)
+        mentions_prob_goal(M, Arg, Key)
     ;   catch(predicate_property(M:G, meta_predicate(MetaHead)), _, fail),
         arg(I, MetaHead, S),
         meta_arg(S, Extra),
         arg(I, G, Arg),
         extended_goal(Arg, Extra, Goal),
-        mentions_prob_goal(M, Goal, Preds)
+        mentions_prob_goal(M, Goal, Key)
     ),
     !.
 
@@ -608,114 +1019,6 @@ extended_goal(Arg, Extra, Goal) :-
 
 strip_carets(G0, G) :-
     (   nonvar(G0), G0 = _^G1 -> strip_carets(G1, G) ; G = G0 ).
-
-                 /*******************************
-                 *     STORING AND INDEXING     *
-                 *******************************/
-
-% store_clause(+Module, +Clause, -Keys, ?Tail): asserts the clause under a
-% fresh id and its head atoms in the index; Keys are the index keys used.
-store_clause(M, Heads-Body-Where, Keys, Tail) :-
-    flag(cplogic_lpad_clause, Id, Id + 1),
-    assertz(lpad_clause(Id, M, Heads, Body, Where)),
-    (   ground(Heads-Body) -> Ground = true ; Ground = false ),
-    foldl(index_head(M, Id, Ground), Heads, 1-Keys, _-Tail).
-
-index_head(M, Id, Ground, H-_, Pos-Keys, Pos1-Tail) :-
-    Pos1 is Pos + 1,
-    head_keys(M, H, HKeys),
-    forall(member(K, HKeys), assertz(lpad_index(K, H, Id, Pos, Ground, M))),
-    append(HKeys, Tail, Keys).
-
-% head_keys(+Module, +Head, -Keys): the head is found under the key of its
-% predicate and, for every argument, under the argument's value (its name
-% and arity when compound; '$var' for a variable), so that a lookup can use
-% the most selective bound argument of the atom it grounds.
-head_keys(M, H, [PK | AKs]) :-
-    functor(H, N, Ar),
-    term_hash(k(M, N, Ar), PK),
-    H =.. [_ | Args],
-    foldl(arg_key(M, N, Ar), Args, AKs, 1, _).
-
-arg_key(M, N, Ar, Arg, K, I, I1) :-
-    I1 is I + 1,
-    arg_value_key(Arg, V),
-    term_hash(k(M, N, Ar, I, V), K).
-
-arg_value_key(Arg, V) :-
-    (   var(Arg) -> V = '$var'
-    ;   atomic(Arg) -> V = Arg
-    ;   functor(Arg, F, A), V = F/A
-    ).
-
-% Drops the module's program, its theory object and the library's tables of
-% it (the user's tables stay).
-forget_program(M) :-
-    retractall(lpad_program(M)),
-    retractall(lpad_clause(_, M, _, _, _)),
-    retractall(lpad_index(_, _, _, _, _, M)),
-    retractall(lpad_key_count(_, _, M)),
-    retractall(lpad_pred(M, _, _)),
-    retractall(lpad_recursive(M, _, _)),
-    retractall(lpad_query(M, _, _)),
-    retractall(lpad_evidence(M, _, _)),
-    retractall(lpad_goal(M, _, _)),
-    abolish_table_subgoals(cplogic_lpad:possible(M, _)),
-    forget_theory(M).
-
-forget_theory(M) :-
-    forall(retract(lpad_object(M, T)), catch(cplogic:pelm_free(T), _, true)),
-    retractall(lpad_rule(_, _, _, _, M)),
-    retractall(lpad_false(_, _, M)),
-    retractall(lpad_done(_, M)).
-
-% clause_for_head(+Module, ?Atom, -Id, -Pos, -Ground): head atom Pos of
-% clause Id unifies with Atom (a hash collision is filtered by unifying).
-clause_for_head(M, A, Id, Pos, Ground) :-
-    lookup_keys(M, A, Keys),
-    member(K, Keys),
-    lpad_index(K, A, Id, Pos, Ground, M).
-
-lookup_keys(M, A, Keys) :-
-    functor(A, N, Ar),
-    A =.. [_ | Args],
-    foldl(bound_arg_keys(M, N, Ar), Args, 1-Cands, _-[]),
-    (   Cands == []
-    ->  term_hash(k(M, N, Ar), PK),
-        Keys = [PK]
-    ;   keysort(Cands, [_-Keys | _])
-    ).
-
-% An argument with a value offers its value's key and the variable key,
-% with the number of entries both hold.
-bound_arg_keys(M, N, Ar, Arg, I-Cands, I1-Tail) :-
-    I1 is I + 1,
-    (   var(Arg)
-    ->  Cands = Tail
-    ;   arg_value_key(Arg, V),
-        term_hash(k(M, N, Ar, I, V), K1),
-        term_hash(k(M, N, Ar, I, '$var'), K2),
-        key_count(K1, M, C1),
-        key_count(K2, M, C2),
-        C is C1 + C2,
-        Cands = [C-[K1, K2] | Tail]
-    ).
-
-key_count(K, M, C) :-
-    (   lpad_key_count(K, C0, M) -> C = C0 ; C = 0 ).
-
-% Predicates on a cycle of the predicate dependency graph: only their ground
-% atoms can be on a ground cycle.
-recursive_predicates(M, Clauses) :-
-    findall(P-Q, ( member(Hs-Body-_, Clauses), member(H-_, Hs),
-                   member(L, Body), L \= call(_),
-                   arg(1, L, B), pred_key(H, P), pred_key(B, Q) ), Edges0),
-    sort(Edges0, Edges),
-    cyclic_vertices(Edges, Recursive),
-    forall(member(N/A, Recursive), assertz(lpad_recursive(M, N, A))).
-
-pred_key(G, N/A) :-
-    functor(G, N, A).
 
                  /*******************************
                  *           QUERIES            *
@@ -744,15 +1047,17 @@ prob(Q, E, P) :-
 prob(M:Q, Evidence, P, Options) :-
     in_program(M, Evidence, Options, query_program(Q, Evidence), P).
 
-% in_program(+M, +Evidence, +Options, :Goal, -Result): call(Goal, Module,
-% Settings, Result) on M's program, under the library's mutex.
+% in_program(+M, +Evidence, +Options, :Goal, -Result): call(Goal, Key,
+% Settings, Result) on M's program Key, under the library's mutex.
 in_program(M, Evidence, Options, Goal, Result) :-
-    program_module(M, PM),
+    program_key(M, _),
     must_be(list, Evidence),
     query_options(Options, Settings),
     % the core names the evidence in its own terms; the error names it as
     % the caller wrote it
-    catch(with_mutex(cplogic_lpad, call(Goal, PM, Settings, Result0)),
+    catch(with_mutex(cplogic_lpad,
+                     ( program_key(M, Key),
+                       call(Goal, Key, Settings, Result0) )),
           error(cplogic_error(contradictory_evidence(_), evidence), _),
           throw(error(cplogic_error(contradictory_evidence(Evidence), evidence), _))),
     Result = Result0.
@@ -782,9 +1087,9 @@ prob_all(M:G, Evidence, Answers, Options) :-
 %   literals of its evidence/1,2 facts (`\+ A` for evidence(A, false)), in
 %   the order of the program.
 lpad_queries(M:Queries, Evidence) :-
-    program_module(M, PM),
-    findall(Q, lpad_query(PM, Q, _), Queries),
-    findall(E, lpad_evidence(PM, E, _), Evidence).
+    program_key(M, Key),
+    findall(Q, lpad_query(Key, Q, _), Queries),
+    findall(E, lpad_evidence(Key, E, _), Evidence).
 
 %!  prob_queries(:Answers) is det.
 %!  prob_queries(:Answers, +Options) is det.
@@ -819,63 +1124,72 @@ query_options(Options, s(Method, Elim, CoreOptions, Progress)) :-
     ),
     (   Progress == true -> CoreOptions = [progress(true) | Limit] ; CoreOptions = Limit ).
 
-program_module(M, M) :-
-    lpad_program(M),
+program_key(M, Key) :-
+    lpad_program(M, Key),
     !.
-program_module(M, _) :-
+program_key(M, _) :-
     throw(error(cplogic_error(no_program(M), M), _)).
 
-query_program(Goal, Evidence, M, Settings, P) :-
-    goal_atom(M, Goal, bad_query(Goal), Q),
-    maplist(evidence_term(M), Evidence, EvTerms),
+query_program(Goal, Evidence, Key, Settings, P) :-
+    goal_atom(Key, Goal, bad_query(Goal), Q),
+    maplist(evidence_term(Key), Evidence, EvTerms),
     findall(A, member(e(A, _), EvTerms), EvAtoms),
-    theory_object(M, T),
-    ground_program(M, T, [Q | EvAtoms], Settings),
+    theory_object(Key, T),
+    ground_program(Key, T, [Q | EvAtoms], Settings),
     theory_prob(T, Q, EvTerms, Settings, P).
 
 theory_prob(T, Q, EvTerms, s(Method, Elim, CoreOptions, _), P) :-
     cplogic:vorn_cp_theory_set_settings(T, 1, 0, Method, Elim, none),
     cplogic:cplogic_prob(T, Q, EvTerms, P, CoreOptions).
 
-% goal_atom(+M, +Goal, +Culprit, -Atom): the atom whose probability is
+% goal_atom(+Key, +Goal, +Culprit, -Atom): the atom whose probability is
 % that of Goal: Goal itself for a ground program atom, otherwise the head
 % of Goal's own clause.
-goal_atom(M, Goal, Culprit, Atom) :-
-    (   callable(Goal)
+goal_atom(Key, Goal, Culprit, Atom) :-
+    (   query_goal(Goal)
     ->  true
     ;   throw(error(cplogic_error(Culprit, query), _))
     ),
-    (   ground(Goal), program_pred(M, Goal)
+    (   ground(Goal), program_pred(Key, Goal)
     ->  Atom = Goal
-    ;   goal_clause(M, Goal, [], Atom)
+    ;   goal_clause(Key, Goal, [], Atom)
     ).
 
-evidence_term(M, L, e(A, V)) :-
-    (   nonvar(L), ( L = (\+ G) ; L = not(G) )
-    ->  V = 0
-    ;   G = L, V = 1
-    ),
-    goal_atom(M, G, bad_evidence(L), A).
+evidence_term(Key, L, e(A, V)) :-
+    (   evidence_literal(L, G, V)
+    ->  goal_atom(Key, G, bad_evidence(L), A)
+    ;   throw(error(cplogic_error(bad_evidence(L), query), _))
+    ).
 
-% goal_clause(+M, +Goal, +Vars, -Head): Head = '$cplogic_goal_N'(Vars)
+% query_goal(+Goal): Goal can be asked (prob/2, `cplogic FILE QUERY`).
+query_goal(G) :-
+    callable(G).
+
+% evidence_literal(+Literal, -Goal, -Value): Literal is the goal Goal
+% observed true (Value 1), or `\+ Goal` or not(Goal) observed false (0)
+% (prob/3, `cplogic --given`).
+evidence_literal(L, G, V) :-
+    (   nonvar(L), ( L = (\+ G0) ; L = not(G0) )
+    ->  V = 0, G = G0
+    ;   V = 1, G = L
+    ),
+    query_goal(G).
+
+% goal_clause(+Key, +Goal, +Vars, -Head): Head = '$cplogic_goal_N'(Vars)
 % with the clause Head :- Goal in the program; one clause per goal and
 % answer variables, up to renaming.
-goal_clause(M, Goal, Vars, Head) :-
-    variant_sha1(Goal-Vars, Key),
-    (   lpad_goal(M, Key, Stored)
+goal_clause(Key, Goal, Vars, Head) :-
+    variant_sha1(Goal-Vars, VKey),
+    (   lpad_goal(Key, VKey, Stored)
     ->  copy_term(Stored, Goal-Vars-Head)
     ;   copy_term(Goal-Vars, G1-V1),
         flag(cplogic_aux_pred, N, N + 1),
         format(atom(Name), '$cplogic_goal_~w', [N]),
         H1 =.. [Name | V1],
-        findall(N1/A1, lpad_pred(M, N1, A1), Preds0),
-        list_to_assoc_set(Preds0, Preds),
-        body_clauses(M, Preds, [H1-1.0]-G1-goal(Goal), Clauses, []),
-        setof(HN/HA, Hs^B^W^H^P^( member(Hs-B-W, Clauses), member(H-P, Hs),
-                                   functor(H, HN, HA) ), New),
-        forall(member(HN/HA, New), assertz(lpad_pred(M, HN, HA))),
-        add_clauses(M, Clauses),
-        assertz(lpad_goal(M, Key, G1-V1-H1)),
+        lpad_module(Key, M),
+        body_clauses(body(Key, M, goal(Goal)), [H1-1.0], G1, Clauses, []),
+        maplist(store_clause(Key), Clauses),
+        assertz(lpad_goal(Key, VKey, G1-V1-H1)),
         copy_term(G1-V1-H1, Goal-Vars-Head)
     ).
 
@@ -894,26 +1208,26 @@ positive_part(G, P) :-
     ;   P = G
     ).
 
-all_answers(Goal, Evidence, M, Settings, Answers) :-
-    (   callable(Goal) -> true ; throw(error(cplogic_error(bad_query(Goal), query), _)) ),
+all_answers(Goal, Evidence, Key, Settings, Answers) :-
+    (   query_goal(Goal) -> true ; throw(error(cplogic_error(bad_query(Goal), query), _)) ),
     answer_variables(Goal, Vars),
-    maplist(evidence_term(M), Evidence, EvTerms),
+    maplist(evidence_term(Key), Evidence, EvTerms),
     findall(A, member(e(A, _), EvTerms), EvAtoms),
-    theory_object(M, T),
+    theory_object(Key, T),
     (   Vars == []
-    ->  goal_atom(M, Goal, bad_query(Goal), Q),
-        ground_program(M, T, [Q | EvAtoms], Settings),
+    ->  goal_atom(Key, Goal, bad_query(Goal), Q),
+        ground_program(Key, T, [Q | EvAtoms], Settings),
         theory_prob(T, Q, EvTerms, Settings, P),
         Answers = [Goal-P]
-    ;   goal_clause(M, Goal, Vars, Head),
-        findall(Head, possible(M, Head), Heads0),
+    ;   goal_clause(Key, Goal, Vars, Head),
+        findall(Head, possible(Key, Head), Heads0),
         sort(Heads0, Heads),
         (   member(H, Heads), \+ ground(H)
         ->  throw(error(cplogic_error(unbound_answer(Goal), query), _))
         ;   true
         ),
         append(Heads, EvAtoms, ToGround),
-        ground_program(M, T, ToGround, Settings),
+        ground_program(Key, T, ToGround, Settings),
         findall(Instance-P,
                 ( member(H, Heads),
                   theory_prob(T, H, EvTerms, Settings, P),
@@ -930,20 +1244,22 @@ all_answers(Goal, Evidence, M, Settings, Answers) :-
 %   The theory object of the calling module's program (created when absent),
 %   for use with the vorn_cp_theory_* predicates.
 lpad_theory(M:_, T) :-
-    program_module(M, PM),
-    with_mutex(cplogic_lpad, theory_object(PM, T)).
+    with_mutex(cplogic_lpad,
+               ( program_key(M, Key),
+                 theory_object(Key, T) )).
 
 %!  lpad_ground(:Atoms, -Theory) is det.
 %
 %   Adds to the module's theory object every grounding that the ground atoms
 %   in the list Atoms need.
 lpad_ground(M:Atoms, T) :-
-    program_module(M, PM),
+    program_key(M, _),
     must_be(list, Atoms),
     maplist(check_ground_atom, Atoms),
     with_mutex(cplogic_lpad,
-               ( theory_object(PM, T),
-                 ground_program(PM, T, Atoms, s(cf, cst, [], false)) )).
+               ( program_key(M, Key),
+                 theory_object(Key, T),
+                 ground_program(Key, T, Atoms, s(cf, cst, [], false)) )).
 
 check_ground_atom(A) :-
     (   ground(A), callable(A), \+ control(A)
@@ -951,60 +1267,96 @@ check_ground_atom(A) :-
     ;   throw(error(cplogic_error(bad_query(A), query), _))
     ).
 
-theory_object(M, T) :-
-    lpad_object(M, T),
+theory_object(Key, T) :-
+    lpad_object(Key, T),
     !.
-theory_object(M, T) :-
+theory_object(Key, T) :-
     cplogic:pelm_new(vorn_cp_theory, T),
-    assertz(lpad_object(M, T)).
+    assertz(lpad_object(Key, T)).
 
                  /*******************************
                  *           GROUNDING          *
                  *******************************/
 
-% ground_program(+Module, +Theory, +Atoms, +Settings): adds the ground rules
+% ground_program(+Key, +Theory, +Atoms, +Settings): adds the ground rules
 % that Atoms need. The rules are collected first (in the database, so that a
 % long chain costs no stack); rules that need an atom that can never hold
 % are dropped; when the walk met a cycle, the cyclic components are
 % rewritten into acyclic rules. On an error the theory is dropped: it may
 % hold part of a grounding.
-ground_program(M, T, Atoms, Settings) :-
+ground_program(Key, T, Atoms, Settings) :-
     arg(4, Settings, Progress),
     get_time(Start),
     State = walk(false, Progress, Start, Start, 0, 0),
-    catch(( walk([frame(root, Atoms)], M, T, State),
+    catch(( walk([frame(root, [Atoms], false)], Key, T, State),
+            (   lpad_false(_, _, Key) -> Filter = true ; Filter = false ),
             (   arg(1, State, true)
-            ->  findall(R, ( retract(lpad_collected(R0)), useful_rule(M, R0, R) ), Rules),
+            ->  findall(R, ( recorded(cplogic_collected, R0, Ref),
+                             erase(Ref),
+                             useful_rule(Filter, Key, R0, R1),
+                             literal_rule(R1, R) ), Rules),
                 acyclic_rules(Rules, Acyclic),
                 maplist(add_rule(T), Acyclic)
-            ;   forall(( retract(lpad_collected(R0)), useful_rule(M, R0, R) ), add_rule(T, R))
+            ;   forall(( recorded(cplogic_collected, R0, Ref),
+                         erase(Ref),
+                         useful_rule(Filter, Key, R0, R) ),
+                       add_rule(T, R))
             ),
             progress_done(State)
           ),
           E,
-          ( retractall(lpad_collected(_)),
+          ( forall(recorded(cplogic_collected, _, Ref), erase(Ref)),
             retractall(lpad_support(_, _, _)),
-            forget_theory(M),
+            forget_theory(Key),
             throw(E) )).
 
-add_rule(T, rule(Heads, Lits, _)) :-
+positive(A, pos(A)).
+negative(A, neg(A)).
+
+% A rule's body is a list of literals, or np(Negs, Poss) for a rule worked
+% out at install: the sorted atoms of its negative and positive literals.
+add_rule(T, rule(Heads, Body, _)) :-
     maplist(head_term, Heads, HTerms),
-    maplist(body_term, Lits, BTerms),
+    (   Body = np(Negs, Poss)
+    ->  negated_terms(Negs, BTerms, Poss)
+    ;   maplist(body_term, Body, BTerms)
+    ),
     cplogic:vorn_cp_theory_add_event(T, event(HTerms, BTerms)).
+
+negated_terms([], Tail, Tail).
+negated_terms([A | As], [\+ A | Ts], Tail) :-
+    negated_terms(As, Ts, Tail).
+
+% The rule with its body as a list of literals, in the order of sort/2.
+literal_rule(rule(Heads, Body, Where), rule(Heads, Lits, Where)) :-
+    (   Body = np(Negs, Poss)
+    ->  maplist(negative, Negs, NLits),
+        maplist(positive, Poss, PLits),
+        append(NLits, PLits, Lits)
+    ;   Lits = Body
+    ).
 
 % A rule whose body needs an atom that never holds is left out, and a
 % negated literal on such an atom is true: false atoms would otherwise stay
-% in the network as variables that tie their neighbours together.
-useful_rule(M, rule(Heads, Lits0, Where), rule(Heads, Lits, Where)) :-
-    \+ ( member(pos(A), Lits0), never_holds(M, A) ),
-    exclude(negated_false(M), Lits0, Lits).
+% in the network as variables that tie their neighbours together. Without
+% such atoms (Filter false) every rule stays as it is.
+useful_rule(false, _, Rule, Rule) :-
+    !.
+useful_rule(true, Key, rule(Heads, np(Negs0, Poss), Where), Rule) :-
+    !,
+    \+ ( member(A, Poss), never_holds(Key, A) ),
+    exclude(never_holds(Key), Negs0, Negs),
+    Rule = rule(Heads, np(Negs, Poss), Where).
+useful_rule(true, Key, rule(Heads, Lits0, Where), rule(Heads, Lits, Where)) :-
+    \+ ( member(pos(A), Lits0), never_holds(Key, A) ),
+    exclude(negated_false(Key), Lits0, Lits).
 
-negated_false(M, neg(A)) :-
-    never_holds(M, A).
+negated_false(Key, neg(A)) :-
+    never_holds(Key, A).
 
-never_holds(M, A) :-
+never_holds(Key, A) :-
     term_hash(A, H),
-    lpad_false(H, A, M).
+    lpad_false(H, A, Key).
 
 % A depth-first walk over the ground atoms with an explicit stack, so that
 % the depth of the program costs no Prolog recursion. The theory's atom
@@ -1012,84 +1364,201 @@ never_holds(M, A) :-
 % then 2: meeting a 1 is meeting an atom on the current path, a cycle.
 % When an atom is done and none of its rules is free of atoms that never
 % hold (atoms on the current path may hold), it never holds either.
-% State = walk(Cyclic, Progress, Start, LastReport, Atoms, Rules).
+% A frame(Atom, Chunks, Support) has the atom's children as lists of atoms,
+% the body lists of its rules where they are lists of atoms already, so
+% that nothing is copied; Support tells whether lpad_support/3 holds the
+% atom. State = walk(Cyclic, Progress, Start, LastReport, Atoms, Rules).
 walk([], _, _, _).
-walk([frame(A, Children) | Stack], M, T, State) :-
-    (   Children = [C | Cs]
-    ->  cplogic:vorn_cp_theory_atom_in_table(T, C, Status),
-        (   Status =:= 2
-        ->  walk([frame(A, Cs) | Stack], M, T, State)
-        ;   Status =:= 0
-        ->  expand_atom(M, C, Next, NRules),
-            progress(State, NRules),
-            walk([frame(C, Next), frame(A, Cs) | Stack], M, T, State)
-        ;   nb_setarg(1, State, true),
-            walk([frame(A, Cs) | Stack], M, T, State)
+walk([frame(A, Chunks, Sup) | Stack], Key, T, State) :-
+    (   Chunks = [Chunk | More]
+    ->  (   Chunk = [C | Cs]
+        ->  cplogic:vorn_cp_theory_atom_in_table(T, C, Status),
+            (   Status =:= 2
+            ->  walk([frame(A, [Cs | More], Sup) | Stack], Key, T, State)
+            ;   Status =:= 0
+            ->  expand_atom(Key, C, Next, NRules, CSup),
+                progress(State, NRules),
+                walk([frame(C, Next, CSup), frame(A, [Cs | More], Sup) | Stack], Key, T, State)
+            ;   nb_setarg(1, State, true),
+                walk([frame(A, [Cs | More], Sup) | Stack], Key, T, State)
+            )
+        ;   walk([frame(A, More, Sup) | Stack], Key, T, State)
         )
-    ;   (   Stack == []
-        ->  true
-        ;   cplogic:vorn_cp_theory_atom_table_success(T, A),
-            decide_support(M, A),
-            walk(Stack, M, T, State)
-        )
+    ;   Stack == []
+    ->  true
+    ;   cplogic:vorn_cp_theory_atom_table_success(T, A),
+        (   Sup == true -> decide_support(Key, A) ; true ),
+        walk(Stack, Key, T, State)
     ).
 
 % lpad_support(Hash, Atom, Supports) is kept in the database, not on the
 % walk's stack, and only for an atom whose every rule has a positive body
 % atom: Supports are these atoms, a list per rule.
-decide_support(M, A) :-
+decide_support(Key, A) :-
     term_hash(A, H),
     (   retract(lpad_support(H, A, Sup))
-    ->  (   member(Atoms, Sup), \+ ( member(B, Atoms), never_holds(M, B) )
+    ->  (   member(Atoms, Sup), \+ ( member(B, Atoms), never_holds(Key, B) )
         ->  true
-        ;   assertz(lpad_false(H, A, M))
+        ;   assertz(lpad_false(H, A, Key))
         )
     ;   true
     ).
 
-% expand_atom(+M, +Atom, -Next, -Count): collects the Count ground rules
-% with Atom in their head; Next are the atoms of their bodies and, for the
-% predicates on a cycle, their other head atoms: every rule in the theory
-% then has all of its head atoms expanded, so a later query never finds a
-% cycle through rules that are already in the theory.
-expand_atom(M, A, Next, NRules) :-
-    findall(Rule-New, rule_for_atom(M, A, Rule, New), Rules),
-    forall(member(Rule-true, Rules), assertz(lpad_collected(Rule))),
-    aggregate_all(count, member(_-true, Rules), NRules),
-    (   member(rule(_, Fact, _)-_, Rules), \+ memberchk(pos(_), Fact)
-    ->  true
-    ;   findall(Ps, ( member(rule(_, Ls, _)-_, Rules),
-                      findall(P, member(pos(P), Ls), Ps) ), Sup),
-        term_hash(A, H),
-        assertz(lpad_support(H, A, Sup))
-    ),
-    findall(B, ( member(rule(Heads, Lits, _)-_, Rules),
-                 (   member(L, Lits), arg(1, L, B)
-                 ;   Heads = [_, _ | _],
-                     member(B-_, Heads), B \== A,
-                     functor(B, N, Ar), lpad_recursive(M, N, Ar)
-                 ) ),
-            Next).
+% expand_atom(+Key, +Atom, -Chunks, -Count, -Support): collects the Count
+% ground rules with Atom in their head; Chunks are the atoms of their
+% bodies and, for the predicates on a cycle, their other head atoms: every
+% rule in the theory then has all of its head atoms expanded, so a later
+% query never finds a cycle through rules that are already in the theory.
+% Support is true when lpad_support/3 now holds the atom.
+%
+% Meeting an atom twice among them changes nothing (the second time it is
+% done or on the path), so once the rules have many literals, each atom is
+% kept only where it first occurs: an atom with many long rules over the
+% same atoms costs one step per literal here, not a step of the walk.
+expand_atom(Key, A, Chunks, NRules, Support) :-
+    Seen = seen(none, 0),
+    findall(Item, expanded_rule(Key, A, Seen, Item), Items),
+    (   arg(1, Seen, none) -> true ; arg(1, Seen, Trie), trie_destroy(Trie) ),
+    expanded_items(Items, Chunks, 0, NRules, Sup, false, Fact),
+    (   Fact == true
+    ->  Support = false
+    ;   term_hash(A, H),
+        assertz(lpad_support(H, A, Sup)),
+        Support = true
+    ).
 
-% rule_for_atom(+M, +A, -Rule, -New): the ground rules with A in their head;
-% New is false for a rule that another head atom added before, which still
-% gives A's dependencies (so that the walk meets every cycle).
-rule_for_atom(M, A, Rule, New) :-
-    clause_for_head(M, A, Id, Pos, Ground),
-    (   Ground == true
-    ->  lpad_clause(Id, M, Heads, Body, Where),
-        (   lpad_done(Id, M)
-        ->  New = false,
-            include(literal, Body, Lits),
-            Rule = rule(Heads, Lits, Where)
-        ;   New = true,
-            assertz(lpad_done(Id, M)),
-            % every solution of a ground body gives the same rule
-            once(ground_rule(M, Id, Heads, Body, Where, ground, Rule))
+% expanded_rule(+Key, +A, +Seen, -Item): Item = r(New, Atoms, Positives,
+% Others) for a rule of A, Atoms a list of lists; a new rule is collected.
+% Seen = seen(Trie, Count) counts the literals and, past the first ones,
+% holds the atoms met.
+expanded_rule(Key, A, Seen, r(New, Atoms, Ps, Others)) :-
+    rule_for_atom(Key, A, Rule, New),
+    (   New == true -> recordz(cplogic_collected, Rule) ; true ),
+    Rule = rule(Heads, Body, _),
+    (   Body = np(Negs, Poss)
+    ->  Ps = Poss,
+        length(Negs, KN),
+        length(Poss, KP),
+        K is KN + KP,
+        Lists = [Negs, Poss]
+    ;   literal_atoms(Body, All, Ps, 0, K),
+        Lists = [All]
+    ),
+    arg(2, Seen, K0),
+    K1 is K0 + K,
+    nb_setarg(2, Seen, K1),
+    (   arg(1, Seen, none)
+    ->  (   K1 > 64
+        ->  trie_new(Trie),
+            nb_setarg(1, Seen, Trie),
+            first_occurrences(Lists, Trie, Atoms)
+        ;   Atoms = Lists
         )
-    ;   lpad_clause(Id, M, Heads, Body, Where),
-        nth1(Pos, Heads, A-_),
-        ground_rule(M, Id, Heads, Body, Where, New, Rule)
+    ;   arg(1, Seen, Trie),
+        first_occurrences(Lists, Trie, Atoms)
+    ),
+    (   Heads = [_, _ | _]
+    ->  other_heads(Heads, A, Key, Others)
+    ;   Others = []
+    ).
+
+expanded_items([], [], N, N, [], F, F).
+expanded_items([r(New, Atoms, Ps, Others) | Items], Cs0, N0, N, [Ps | Sup], F0, F) :-
+    (   New == true -> N1 is N0 + 1 ; N1 = N0 ),
+    (   Ps == [] -> F1 = true ; F1 = F0 ),
+    append(Atoms, Cs1, Cs0),
+    (   Others == [] -> Cs1 = Cs2 ; Cs1 = [Others | Cs2] ),
+    expanded_items(Items, Cs2, N1, N, Sup, F1, F).
+
+% literal_atoms(+Lits, -Atoms, -Positives, +K0, -K)
+literal_atoms([], [], [], K, K).
+literal_atoms([L | Ls], [B | Bs], Ps, K0, K) :-
+    arg(1, L, B),
+    (   L = pos(_) -> Ps = [B | Ps1] ; Ps = Ps1 ),
+    K1 is K0 + 1,
+    literal_atoms(Ls, Bs, Ps1, K1, K).
+
+other_heads([], _, _, []).
+other_heads([B-_ | Hs], A, Key, Others) :-
+    (   B \== A,
+        functor(B, N, Ar),
+        recursive_pred(Key, N, Ar)
+    ->  Others = [B | Others1]
+    ;   Others = Others1
+    ),
+    other_heads(Hs, A, Key, Others1).
+
+% first_occurrences(+Lists, +Seen, -Firsts): the atoms of Lists not in the
+% trie Seen, which now has them, as one list in a list.
+first_occurrences(Lists, Seen, [Firsts]) :-
+    first_in_lists(Lists, Seen, Firsts).
+
+first_in_lists([], _, []).
+first_in_lists([L | Ls], Seen, Fs) :-
+    first_in_list(L, Seen, Fs, Fs1),
+    first_in_lists(Ls, Seen, Fs1).
+
+first_in_list([], _, Fs, Fs).
+first_in_list([B | Bs], Seen, Fs0, Fs) :-
+    (   trie_insert(Seen, B)
+    ->  Fs0 = [B | Fs1]
+    ;   Fs0 = Fs1
+    ),
+    first_in_list(Bs, Seen, Fs1, Fs).
+
+% rule_for_atom(+Key, +A, -Rule, -New): the ground rules with A in their
+% head; New is false for a rule that another head atom added before, which
+% still gives A's dependencies (so that the walk meets every cycle).
+rule_for_atom(Key, A, Rule, New) :-
+    functor(A, _, Ar),
+    lpad_head_table(Ar),
+    head_entry(Key, Ref, Pos, A, Goal),
+    call(Goal),
+    entry_rule(Ref, Key, Pos, A, Rule, New).
+
+% A ground fact or rule of one head atom is new: its atom is expanded once
+% per theory (once_per_theory/4).
+entry_rule(f(P, Where), _, _, A, rule([A-P], np([], []), Where), true) :-
+    !.
+entry_rule(s(P, Negs, Poss, Where), _, _, A, rule([A-P], np(Negs, Poss), Where), true) :-
+    !.
+entry_rule(Ref, Key, Pos, A, Rule, New) :-
+    entry_clause(Ref, A, c(Id, Heads, Body, Where, Kind)),
+    clause_rule(Kind, Key, Id, Pos, A, Heads, Body, Where, Rule, New).
+
+clause_rule(rule, Key, Id, _, _, Heads, r(MH, Negs, Poss), Where,
+            rule(RH, np(Negs, Poss), Where), New) :-
+    merged(MH, Heads, RH),
+    once_per_theory(Heads, Id, Key, New).
+clause_rule(never, Key, Id, _, _, Heads, r(MH, Negs, Poss), Where,
+            rule(RH, np(Negs, Poss), Where), false) :-
+    merged(MH, Heads, RH),
+    once_per_theory(Heads, Id, Key, false).
+clause_rule(ground, Key, Id, _, _, Heads, Body, Where, Rule, New) :-
+    once_per_theory(Heads, Id, Key, New),
+    (   New == true
+    ->  % every solution of a ground body gives the same rule
+        once(ground_rule(Key, Id, Heads, Body, Where, ground, Rule))
+    ;   include(literal, Body, Lits),
+        Rule = rule(Heads, Lits, Where)
+    ).
+clause_rule(open, Key, Id, Pos, A, Heads, Body, Where, Rule, New) :-
+    nth1(Pos, Heads, A-_),
+    ground_rule(Key, Id, Heads, Body, Where, New, Rule).
+
+merged(same, Heads, Heads) :- !.
+merged(Merged, _, Merged).
+
+% A ground clause adds its rule once per theory: a clause of one head atom
+% is met only when that atom is expanded, which happens once; a clause of
+% several is marked.
+once_per_theory(Heads, Id, Key, New) :-
+    (   Heads = [_]
+    ->  New = true
+    ;   lpad_done(Id, Key)
+    ->  New = false
+    ;   assertz(lpad_done(Id, Key)),
+        New = true
     ).
 
 literal(pos(_)).
@@ -1098,8 +1567,8 @@ literal(neg(_)).
 % Every way the body can hold gives one ground rule. Substitutions of a
 % clause with variables that give the same rule (head atoms with their
 % pooled probabilities, set of body literals) add it once.
-ground_rule(M, Id, Heads0, Body, Where, New, rule(Heads, Lits, Where)) :-
-    solve_body(Body, M, Where, Lits0),
+ground_rule(Key, Id, Heads0, Body, Where, New, rule(Heads, Lits, Where)) :-
+    solve_body(Body, Key, Where, Lits0),
     head_probabilities(Heads0, Where, Heads1),
     (   ground(Heads1)
     ->  true
@@ -1116,9 +1585,9 @@ ground_rule(M, Id, Heads0, Body, Where, New, rule(Heads, Lits, Where)) :-
     (   New == ground
     ->  true
     ;   term_hash(Id-Heads-Lits, Hash),
-        (   lpad_rule(Hash, Id, Heads, Lits, M)
+        (   lpad_rule(Hash, Id, Heads, Lits, Key)
         ->  New = false
-        ;   assertz(lpad_rule(Hash, Id, Heads, Lits, M)),
+        ;   assertz(lpad_rule(Hash, Id, Heads, Lits, Key)),
             New = true
         )
     ).
@@ -1136,17 +1605,17 @@ head_probability(Where, A-E, A-P) :-
 
 % The positive literals that are ground before the body runs are marked, so
 % that the others can be told from them once the body has bound them.
-solve_body(Body, M, Where, Lits) :-
+solve_body(Body, Key, Where, Lits) :-
     maplist(mark_given, Body, Marked),
-    solve_marked(Marked, M, Where, Lits).
+    solve_marked(Marked, Key, Where, Lits).
 
 mark_given(L, L-Given) :-
     (   L = pos(A), ground(A) -> Given = true ; Given = false ).
 
 solve_marked([], _, _, []).
-solve_marked([L-Given | Ls], M, Where, Lits) :-
-    solve_literal(L, Given, M, Where, Lits, Tail),
-    solve_marked(Ls, M, Where, Tail).
+solve_marked([L-Given | Ls], Key, Where, Lits) :-
+    solve_literal(L, Given, Key, Where, Lits, Tail),
+    solve_marked(Ls, Key, Where, Tail).
 
 % A positive literal that was ground from the start needs no proof: an atom
 % that nothing causes is false in the theory. One with variables is
@@ -1154,28 +1623,28 @@ solve_marked([L-Given | Ls], M, Where, Lits) :-
 % checked the same way unless its predicate is recursive (a deep chain of
 % tabled calls): otherwise a body that enumerates X then asks edge(X, y)
 % would ground an atom for every X, however few edges there are.
-solve_literal(pos(A), Given, M, _, [pos(A) | T], T) :-
+solve_literal(pos(A), Given, Key, _, [pos(A) | T], T) :-
     !,
     (   ground(A)
     ->  (   Given == true
         ->  true
-        ;   functor(A, N, Ar), lpad_recursive(M, N, Ar)
+        ;   functor(A, N, Ar), recursive_pred(Key, N, Ar)
         ->  true
-        ;   possible(M, A)
+        ;   possible(Key, A)
         ->  true
         )
-    ;   possible(M, A)
+    ;   possible(Key, A)
     ).
-solve_literal(L, _, M, Where, Lits, T) :-
-    solve_literal(L, M, Where, Lits, T).
+solve_literal(L, _, Key, Where, Lits, T) :-
+    solve_literal(L, Key, Where, Lits, T).
 
 solve_literal(neg(A), _, Where, [neg(A) | T], T) :-
     (   ground(A)
     ->  true
     ;   throw(error(cplogic_error(nonground_negation(\+ A), Where), _))
     ).
-solve_literal(call(G), M, Where, T, T) :-
-    call_goal(M, G, Where).
+solve_literal(call(G), Key, Where, T, T) :-
+    call_goal(Key, G, Where).
 
 % A sorted body: neg(_) literals first, then pos(_), each block sorted by
 % atom. A body with A and \+A never holds.
@@ -1210,19 +1679,18 @@ head_term(A-P, h(A, P)).
 body_term(pos(A), A).
 body_term(neg(A), \+ A).
 
-%   possible(+Module, ?Atom): Atom has a derivation when negated literals
+%   possible(+Key, ?Atom): Atom has a derivation when negated literals
 %   are ignored, so it is true in some world. Tabled, so that recursive
 %   programs terminate.
 :- table possible/2.
 
-possible(M, A) :-
-    clause_for_head(M, A, Id, Pos, _),
-    lpad_clause(Id, M, Heads, Body, Where),
+possible(Key, A) :-
+    clause_for_head(Key, A, c(_, Heads, Body, Where, _), Pos),
     nth1(Pos, Heads, A-P),
     (   number(P)
     ->  P > 0.0,
-        possible_body(Body, M, Where)
-    ;   possible_body(Body, M, Where),
+        possible_body(Body, Key, Where)
+    ;   possible_body(Body, Key, Where),
         probability_value(P, Where, V),
         V > 0.0
     ),
@@ -1231,36 +1699,51 @@ possible(M, A) :-
     ;   throw(error(cplogic_error(nonground_head([A]), Where), _))
     ).
 
-possible_body([], _, _).
-possible_body([L | Ls], M, Where) :-
-    possible_literal(L, M, Where),
-    possible_body(Ls, M, Where).
+possible_body(Body, Key, Where) :-
+    (   Body = r(_, _, Poss)
+    ->  possible_atoms(Poss, Key)
+    ;   possible_lits(Body, Key, Where)
+    ).
 
-possible_literal(pos(A), M, _) :- possible(M, A).
+possible_atoms([], _).
+possible_atoms([A | As], Key) :-
+    possible(Key, A),
+    possible_atoms(As, Key).
+
+possible_lits([], _, _).
+possible_lits([L | Ls], Key, Where) :-
+    possible_literal(L, Key, Where),
+    possible_lits(Ls, Key, Where).
+
+possible_literal(pos(A), Key, _) :- possible(Key, A).
 possible_literal(neg(_), _, _).
-possible_literal(call(G), M, Where) :- call_goal(M, G, Where).
+possible_literal(call(G), Key, Where) :- call_goal(Key, G, Where).
 
 % A goal whose predicate neither the program nor Prolog defines is an atom
 % that nothing causes: false. A program atom that a meta-call reaches is
 % outside the language: an error, not a silent failure.
-call_goal(M, \+ G, Where) :-
+call_goal(Key, \+ G, Where) :-
     !,
-    \+ call_goal(M, G, Where).
-call_goal(M, G, Where) :-
+    \+ call_goal(Key, G, Where).
+call_goal(Key, G, Where) :-
+    lpad_module(Key, M),
     (   predicate_property(M:G, defined)
     ->  catch(call(M:G), error(existence_error(procedure, PI), Ctx),
-              program_call(M, G, PI, Ctx, Where))
+              program_call(Key, G, PI, Ctx, Where))
     ;   fail
     ).
 
-program_call(M, G, PI, Ctx, Where) :-
+program_call(Key, G, PI, Ctx, Where) :-
     (   PI = _:N/A -> true ; PI = N/A ),
-    (   lpad_pred(M, N, A)
+    (   lpad_pred(Key, N, A)
     ->  throw(error(cplogic_error(meta_call(G), Where), _))
     ;   throw(error(existence_error(procedure, PI), Ctx))
     ).
 
 % Grounding that runs for more than a second reports every second.
+progress(State, _) :-
+    arg(2, State, false),               % nothing to report
+    !.
 progress(State, NRules) :-
     arg(5, State, N0),
     N is N0 + 1,
@@ -1268,7 +1751,7 @@ progress(State, NRules) :-
     arg(6, State, K0),
     K is K0 + NRules,
     nb_setarg(6, State, K),
-    (   arg(2, State, true), N mod 256 =:= 0
+    (   N mod 256 =:= 0
     ->  get_time(Now),
         arg(3, State, Start),
         arg(4, State, Last),

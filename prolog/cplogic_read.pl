@@ -3,6 +3,8 @@
             program_mode/2,             % +File, -Mode
             check_clause/2,             % +Clause, +Where
             check_clause/3,             % +Clause, +Where, +VarNames
+            check_clause_head/3,        % +Clause, +Where, +VarNames
+            check_no_argumentless/2,    % +Term, +Where
             check_safe_body_goal/2,     % :Goal, +Where
             check_safe_body_goal/3      % :Goal, +Where, +VarNames
           ]).
@@ -52,7 +54,9 @@ directives for that load.
 :- use_module(library(apply)).
 :- use_module(library(lists)).
 :- use_module(library(sandbox)).
-:- use_module(library(occurs)).
+
+% Arithmetic compiled inline (the flag holds for this file only).
+:- set_prolog_flag(optimise, true).
 
 :- meta_predicate
     read_program(+, 3, +),
@@ -211,10 +215,14 @@ read_loop(Ctx, OnTerm, S0, S) :-
 
 % next_term(+Ctx, -Term, -Where, -Names) fails for a skipped clause. A
 % clause nested too deeply for the reader's C stack raises a resource
-% error, which is located at the line where reading started.
+% error, which is located at the line where the clause starts.
 next_term(ctx(In, Path, M, Tolerate, Saved), Term, Path:Line, Names) :-
-    skip_layout(In, Saved),
-    line_count(In, Start),
+    (   Saved == true
+    ->  skip_layout(In, C),
+        saved_prefix(C, In)
+    ;   true
+    ),
+    character_count(In, From),
     catch(read_term(In, Term,
                     [ term_position(Pos), variable_names(Names), module(M) ]),
           error(Formal, Context),
@@ -226,9 +234,23 @@ next_term(ctx(In, Path, M, Tolerate, Saved), Term, Path:Line, Names) :-
     ->  Tolerate == false,
         located_syntax_error(Path, What, Context)
     ;   Formal = resource_error(_)
-    ->  reader_error(unreadable_clause(Formal), Path:Start)
+    ->  clause_start(In, Path, From, Start),
+        reader_error(unreadable_clause(Formal), Path:Start)
     ;   throw(error(Formal, Context))
     ).
+
+% clause_start(+In, +Path, +From, -Line): the line of the first character
+% after character From that is not layout or a comment. Found by reading
+% the file again, so that reading each clause costs no more than the read.
+clause_start(In, Path, From, Line) :-
+    stream_property(In, encoding(Enc)),
+    setup_call_cleanup(
+        open(Path, read, S, [encoding(Enc)]),
+        ( read_string(S, From, _),
+          skip_layout(S, _),
+          line_count(S, Line)
+        ),
+        close(S)).
 
 bytes_were_text(In, Path) :-
     (   bad_bytes(In, Line)
@@ -283,33 +305,48 @@ encoding_directive(Term, In) :-
     ;   true
     ).
 
-% A saved theory starts with "% name" and leads rules with "(p) " or ";":
-% these are dropped before a rule is read.
+% A saved theory starts with "% name" and may lead a rule with "(p) " or
+% ";": these are dropped before a rule is read.
 saved_theory(In, Saved) :-
     (   peek_string(In, 2, "% ") -> Saved = true ; Saved = false ).
 
-% Blanks and line comments before a clause are skipped here, so that the
-% line where reading starts is the clause's own.
-skip_layout(In, Saved) :-
-    peek_char(In, C),
-    (   C == end_of_file
-    ->  true
-    ;   char_type(C, space)
-    ->  get_char(In, _),
-        skip_layout(In, Saved)
-    ;   C == '%'
+% skip_layout(+In, -Code): blanks and line comments before a clause are
+% skipped before the rule prefixes of a saved theory, and to find where a
+% clause starts; Code is the next character's, -1 at the end.
+skip_layout(In, Code) :-
+    peek_code(In, C),
+    (   C =:= -1
+    ->  Code = C
+    ;   layout_code(C)
+    ->  get_code(In, _),
+        skip_layout(In, Code)
+    ;   C =:= 0'%
     ->  skip(In, 0'\n),
-        skip_layout(In, Saved)
-    ;   Saved == true
-    ->  saved_prefix(In)
-    ;   true
+        skip_layout(In, Code)
+    ;   Code = C
     ).
 
-saved_prefix(In) :-
-    (   peek_string(In, 4, "(p) ")
-    ->  read_string(In, 4, _)
-    ;   peek_char(In, ;)
-    ->  get_char(In, _)
+% Common layout is decided by indexing; any other character by its type.
+layout_code(C) :-
+    (   C < 128
+    ->  ascii_layout(C)
+    ;   code_type(C, space)
+    ).
+
+ascii_layout(0'\s).
+ascii_layout(0'\n).
+ascii_layout(0'\t).
+ascii_layout(0'\r).
+ascii_layout(0'\v).
+ascii_layout(0'\f).
+
+% saved_prefix(+Code, +In): only a clause that starts with "(" is compared
+% with the prefix: peeking at a string costs more than reading a clause.
+saved_prefix(C, In) :-
+    (   C =:= 0'(
+    ->  (   peek_string(In, 4, "(p) ") -> read_string(In, 4, _) ; true )
+    ;   C =:= 0';
+    ->  get_code(In, _)
     ;   true
     ).
 
@@ -334,14 +371,62 @@ check_clause(Clause, Where) :-
     check_clause(Clause, Where, []).
 
 check_clause(Clause, Where, Names) :-
+    check_clause_head(Clause, Where, Names),
+    (   Clause = (_ :- Body)
+    ->  no_argumentless(Body, Where)
+    ;   true
+    ).
+
+%!  check_clause_head(+Clause, +Where, +VarNames) is det.
+%!  check_no_argumentless(+Term, +Where) is det.
+%
+%   check_clause/3 is check_clause_head/3 and then, for a clause with a
+%   body, check_no_argumentless/2 on the body: a reader that walks the body
+%   anyway checks its terms there, in the same order.
+check_clause_head(Clause, Where, Names) :-
     (   Clause = (Head :- Body)
-    ->  check_body(Body, Where, Names)
+    ->  (   ground(Body) -> true ; check_body(Body, Where, Names) )
     ;   Head = Clause
     ),
     check_head(Head, Where),
-    (   sub_term(S, Clause), compound(S), compound_name_arity(S, _, 0)
-    ->  reader_error(argumentless_compound(S), Where)
+    no_argumentless(Head, Where).
+
+check_no_argumentless(Term, Where) :-
+    no_argumentless(Term, Where).
+
+% The first compound without arguments in pre-order, as sub_term/2 would
+% find it, in one pass without choice points; the last argument is a last
+% call, so that long conjunctions and lists cost no stack.
+no_argumentless(T, Where) :-
+    (   compound(T)
+    ->  compound_name_arity(T, _, A),
+        no_argumentless(A, T, Where)
     ;   true
+    ).
+
+no_argumentless(1, T, Where) :-
+    !,
+    arg(1, T, X),
+    no_argumentless(X, Where).
+no_argumentless(2, T, Where) :-
+    !,
+    arg(1, T, X),
+    no_argumentless(X, Where),
+    arg(2, T, Y),
+    no_argumentless(Y, Where).
+no_argumentless(0, T, Where) :-
+    !,
+    reader_error(argumentless_compound(T), Where).
+no_argumentless(A, T, Where) :-
+    no_argumentless_args(1, A, T, Where).
+
+no_argumentless_args(I, A, T, Where) :-
+    arg(I, T, X),
+    (   I =:= A
+    ->  no_argumentless(X, Where)
+    ;   no_argumentless(X, Where),
+        I1 is I + 1,
+        no_argumentless_args(I1, A, T, Where)
     ).
 
 check_body(G, Where, Names) :-
@@ -368,8 +453,12 @@ check_head(H, Where) :-
     ).
 
 check_probability(P, Where) :-
-    (   ground(P),
-        catch(V is P, _, fail),
+    (   (   float(P)
+        ->  V = P                       % evaluates to itself
+        ;   \+ integer(P),
+            ground(P),
+            catch(V is P, _, fail)
+        ),
         float(V),
         float_class(V, Class),
         memberchk(Class, [nan, infinite])
