@@ -1412,9 +1412,10 @@ decide_support(Key, A) :-
 % Support is true when lpad_support/3 now holds the atom.
 %
 % Meeting an atom twice among them changes nothing (the second time it is
-% done or on the path), so once the rules have many literals, each atom is
-% kept only where it first occurs: an atom with many long rules over the
-% same atoms costs one step per literal here, not a step of the walk.
+% done or on the path), so from the second rule on, once the rules have
+% many literals, each atom is kept only where it first occurs: an atom with
+% many long rules over the same atoms costs one step per literal here, not
+% a step of the walk. A single long rule needs no such set.
 expand_atom(Key, A, Chunks, NRules, Support) :-
     Seen = seen(none, 0),
     findall(Item, expanded_rule(Key, A, Seen, Item), Items),
@@ -1429,8 +1430,8 @@ expand_atom(Key, A, Chunks, NRules, Support) :-
 
 % expanded_rule(+Key, +A, +Seen, -Item): Item = r(New, Atoms, Positives,
 % Others) for a rule of A, Atoms a list of lists; a new rule is collected.
-% Seen = seen(Trie, Count) counts the literals and, past the first ones,
-% holds the atoms met.
+% Seen = seen(Trie, Count) counts the literals and, past the first ones
+% after the first rule, holds the atoms met.
 expanded_rule(Key, A, Seen, r(New, Atoms, Ps, Others)) :-
     rule_for_atom(Key, A, Rule, New),
     (   New == true -> recordz(cplogic_collected, Rule) ; true ),
@@ -1448,7 +1449,8 @@ expanded_rule(Key, A, Seen, r(New, Atoms, Ps, Others)) :-
     K1 is K0 + K,
     nb_setarg(2, Seen, K1),
     (   arg(1, Seen, none)
-    ->  (   K1 > 64
+    ->  (   K0 > 0,
+            K1 > 64
         ->  trie_new(Trie),
             nb_setarg(1, Seen, Trie),
             first_occurrences(Lists, Trie, Atoms)
