@@ -1,11 +1,8 @@
 % Grounding and inference time of LPAD programs through prob/3.
 %
 %   swipl bench/lpad_bench.pl            (after the README's build)
-%   swipl bench/lpad_bench.pl -- FILE.pl...  (programs of gen_families.py)
 %
-% With files: each program is loaded (lpad_load/2) into a module of its own,
-% the query and evidence of its FILE.json are grounded and answered, then
-% answered again; CPU seconds of each step and the expected value are shown.
+% (The programs of gen_families.py, step by step: bench/load_steps.pl.)
 %
 % Families: a blood-type pedigree of N persons (founders with allele priors,
 % everyone else inheriting one chromosome of each parent) and smokers over N
@@ -15,7 +12,6 @@
 :- use_module('../prolog/cplogic').
 :- use_module(library(random)).
 :- use_module(library(lists)).
-:- use_module(library(http/json)).
 
 :- initialization(main, main).
 
@@ -89,16 +85,6 @@ run(Family, N, Ground, Infer, P) :-
     Infer is T2 - T1.
 
 main :-
-    current_prolog_flag(argv, Files),
-    Files \== [],
-    !,
-    format("| program | load (s) | grounding (s) | first query (s) | repeated query (s) | answer | expected |~n"),
-    format("|---|---:|---:|---:|---:|---:|---:|~n"),
-    forall(member(File, Files),
-           catch(run_file(File), E,
-                 ( print_message(error, E), format("| ~w | error |~n", [File]) ))).
-
-main :-
     format("| family | n | grounding (s) | inference (s) | total (s) | answer |~n"),
     format("|---|---:|---:|---:|---:|---:|~n"),
     forall(member(Family-N, [pedigree_program-100, pedigree_program-1000,
@@ -107,25 +93,3 @@ main :-
              Total is G + I,
              atom_concat(Name, '_program', Family),
              format("| ~w | ~w | ~3f | ~3f | ~3f | ~6g |~n", [Name, N, G, I, Total, P]) )).
-
-run_file(File) :-
-    file_name_extension(Base, pl, File),
-    file_name_extension(Base, json, Json),
-    setup_call_cleanup(open(Json, read, In), json_read_dict(In, Instance), close(In)),
-    term_string(Q, Instance.query),
-    maplist([[A, V], L]>>( term_string(T, A), ( V == true -> L = T ; L = (\+ T) ) ),
-            Instance.evidence, Evidence),
-    findall(A, ( member(L, Evidence), ( L = (\+ A) -> true ; A = L ) ), EAtoms),
-    file_base_name(Base, M),
-    statistics(cputime, T0),
-    lpad_load(File, M),
-    statistics(cputime, T1),
-    M:lpad_ground([Q | EAtoms], _),
-    statistics(cputime, T2),
-    M:prob(Q, Evidence, P),
-    statistics(cputime, T3),
-    M:prob(Q, Evidence, _),
-    statistics(cputime, T4),
-    Load is T1 - T0, Ground is T2 - T1, First is T3 - T2, Again is T4 - T3,
-    format("| ~w | ~3f | ~3f | ~3f | ~3f | ~6g | ~6g |~n",
-           [M, Load, Ground, First, Again, P, Instance.expected]).
