@@ -314,13 +314,4 @@ struct ConfactorCmpId {
   bool operator()(const Confactor* a, const Confactor* b) const { return a->id_ < b->id_; }
 };
 
-// Orders entry indices of one confactor by the weight of their atoms.
-struct ConfactorCmpAtomWeight {
-  const Confactor* confactor_;  // not owned
-  explicit ConfactorCmpAtomWeight(const Confactor* confactor) : confactor_(confactor) {}
-  bool operator()(unsigned i, unsigned j) const {
-    return confactor_->atoms_[i]->atom_->weight_ < confactor_->atoms_[j]->atom_->weight_;
-  }
-};
-
 #endif

@@ -352,15 +352,16 @@ int CPEvent::headAtomPosition(const Atom& atom) const {
 // Conversion to confactors.
 
 int CPEvent::convertToConfactors(Confactors* out, CVE* engine, bool tables,
-                                 const AtomBody* evidence) {
+                                 const AtomBody* evidence, Atom* as) {
   if (rule_count_ == 1 && !emptyBody()) {
-    confactorsAsConjunctionChain(out, engine, evidence);
+    confactorsAsConjunctionChain(out, engine, evidence, as != nullptr ? as : choice_atom_);
     return 1;
   }
-  return convertToConfactorsAsTree(out, engine, tables, evidence);
+  return convertToConfactorsAsTree(out, engine, tables, evidence, as);
 }
 
-void CPEvent::confactorsAsConjunctionChain(Confactors* out, CVE* engine, const AtomBody* evidence) {
+void CPEvent::confactorsAsConjunctionChain(Confactors* out, CVE* engine, const AtomBody* evidence,
+                                           Atom* choice) {
   // The one rule's body is the path to the tree's only leaf.
   std::vector<AtomValuePair<int>> body;
   const CPBodyAtom* node = body_tree_;
@@ -377,7 +378,7 @@ void CPEvent::confactorsAsConjunctionChain(Confactors* out, CVE* engine, const A
   const std::vector<double> p = node != nullptr && node->probabilities_ != nullptr
                                     ? *node->probabilities_
                                     : std::vector<double>{1.0};
-  Atom* c = choice_atom_;
+  Atom* c = choice;
   auto leaf = [&p, c](const AtomBody& x, bool holds) {
     size_t cv = static_cast<size_t>(x.at(c));
     if (!holds)
@@ -425,9 +426,9 @@ void CPEvent::confactorsAsConjunctionChain(Confactors* out, CVE* engine, const A
   }));
 }
 
-int CPEvent::convertToConfactorsAsTree(Confactors* out, CVE*, bool tables,
-                                       const AtomBody* evidence) {
-  std::vector<Atom*> path(1, choice_atom_);
+int CPEvent::convertToConfactorsAsTree(Confactors* out, CVE*, bool tables, const AtomBody* evidence,
+                                       Atom* as) {
+  std::vector<Atom*> path(1, as != nullptr ? as : choice_atom_);
   std::vector<double> defaults(head_atoms_.size() + 1, 0.0);
   defaults[0] = 1.0;
   Confactors list;
@@ -463,7 +464,7 @@ int CPEvent::confactorsFromSubtree(Confactors* out, CPBodyAtom* node, std::vecto
       // A tree without leaves leaves the choice at "no head atom".
       std::vector<double>& values =
           (n != nullptr && n->probabilities_ != nullptr) ? *n->probabilities_ : defaults;
-      out->push_back(new Confactor(path, choice_atom_, values));
+      out->push_back(new Confactor(path, path[0], values));
       *done = 1;
       return;
     }
@@ -493,7 +494,7 @@ int CPEvent::confactorsFromSubtree(Confactors* out, CPBodyAtom* node, std::vecto
       if (child != nullptr) {
         enter(child, &f.count[v]);  // may grow the stack: f is not used after
       } else {
-        out->push_back(new Confactor(path, choice_atom_, defaults));
+        out->push_back(new Confactor(path, path[0], defaults));
         f.count[v] = 1;
       }
       continue;

@@ -153,19 +153,22 @@ class CPEvent {
 
   // A single rule with a body: the conjunction of its literals as a chain of
   // auxiliary atoms that engine creates and owns; otherwise
-  // convertToConfactorsAsTree.
-  int convertToConfactors(Confactors* out, CVE* engine, bool tables, const AtomBody* evidence);
+  // convertToConfactorsAsTree. The confactors are over the choice atom, or
+  // over `as` when given: an atom of the same domain that stands for it.
+  int convertToConfactors(Confactors* out, CVE* engine, bool tables, const AtomBody* evidence,
+                          Atom* as = nullptr);
   // One confactor per leaf (and per uncovered value), with the path as
   // context; tables merges them into one complete table.
-  int convertToConfactorsAsTree(Confactors* out, CVE* engine, bool tables,
-                                const AtomBody* evidence);
+  int convertToConfactorsAsTree(Confactors* out, CVE* engine, bool tables, const AtomBody* evidence,
+                                Atom* as = nullptr);
   int confactorsFromSubtree(Confactors* out, CPBodyAtom* node, std::vector<Atom*>& path,
                             std::vector<double>& defaults, const AtomBody* evidence);
   // Ends a node of confactorsFromSubtree once every value's subtree is done:
   // merges equal shapes into a table over b, else puts b in their contexts.
   int finishSubtree(Confactors* out, Atom* b, int observed, const std::vector<size_t>& start,
                     const std::vector<int>& count);
-  void confactorsAsConjunctionChain(Confactors* out, CVE* engine, const AtomBody* evidence);
+  void confactorsAsConjunctionChain(Confactors* out, CVE* engine, const AtomBody* evidence,
+                                    Atom* choice);
 
   // --- Text forms. ---
   std::string status() const;

@@ -342,7 +342,7 @@ std::vector<double> CPTheory::jointProbabilitiesOf(Atom* q, const AtomBody& evid
   // Declared before the engine, so that a query stopped by an exception
   // first lets the engine free what it holds, then frees the rest.
   ConfactorScope scope;
-  std::unique_ptr<CVE> engine(buildEngine(target, evidence));
+  std::unique_ptr<CVE> engine(buildEngine(target, evidence, true));
   if (weight_heuristic_ == kGreedy || !engine->auxiliary_atoms_.empty())
     orderGreedily(engine.get(), target);
   engine->query(target);
@@ -389,7 +389,7 @@ CVE* CPTheory::createCVE(Atom* q) {
   return buildEngine(q, observations_ != nullptr ? *observations_ : none);
 }
 
-CVE* CPTheory::buildEngine(Atom* q, const AtomBody& evidence) {
+CVE* CPTheory::buildEngine(Atom* q, const AtomBody& evidence, bool standIns) {
   compile();
   std::unique_ptr<CVE> engine(new CVE());
   engine->use_complete_set_tree_ = use_complete_set_;
@@ -410,11 +410,15 @@ CVE* CPTheory::buildEngine(Atom* q, const AtomBody& evidence) {
     if (!seen.insert(a->id_).second)
       continue;
     stack.insert(stack.end(), a->in_.begin(), a->in_.end());
-    if (a->event_ != nullptr)
-      queryChoiceNode(a, engine.get(), evidence);
-    else
+    bool variable = evidence.find(a) == evidence.end();
+    if (a->event_ != nullptr) {
+      Atom* as = standIns ? standIn(a, q, evidence) : nullptr;
+      queryChoiceNode(a, engine.get(), evidence, as);
+      variable = variable && as == nullptr;
+    } else if (!standIns || a->in_.size() != 1 || standIn(a->in_[0], q, evidence) != a) {
       queryAtomNode(a, engine.get(), evidence);
-    if (evidence.find(a) == evidence.end())
+    }
+    if (variable)
       variables.push_back(a);
     queryProgress("converting", seen.size(), seen.size() + stack.size());
   }
@@ -423,12 +427,22 @@ CVE* CPTheory::buildEngine(Atom* q, const AtomBody& evidence) {
   return engine.release();
 }
 
-void CPTheory::queryChoiceNode(Atom* c, CVE* engine, const AtomBody& evidence) {
+Atom* CPTheory::standIn(Atom* c, Atom* q, const AtomBody& evidence) {
+  if (c == q || c->out_.size() != 1 || evidence.count(c) != 0)
+    return nullptr;
+  Atom* h = c->out_[0];
+  if (h->in_.size() != 1 || h->domainsize_ != 2 || c->domainsize_ != 2 ||
+      choiceValueOf(c, h) != 1 || evidence.count(h) != 0)
+    return nullptr;
+  return h;
+}
+
+void CPTheory::queryChoiceNode(Atom* c, CVE* engine, const AtomBody& evidence, Atom* as) {
   Confactors list;
   if (use_confactors_)
-    c->event_->convertToConfactors(&list, engine, use_tables_, &evidence);
+    c->event_->convertToConfactors(&list, engine, use_tables_, &evidence, as);
   else
-    c->event_->convertToConfactorsAsTree(&list, engine, use_tables_, &evidence);
+    c->event_->convertToConfactorsAsTree(&list, engine, use_tables_, &evidence, as);
   for (Confactor* f : list)
     engine->addFactor(f);
 }

@@ -110,13 +110,21 @@ class CPTheory : public ConfactorNetworkBase {
   // confactors of the atoms and events that q and the observations depend
   // on, with the unobserved ones as its variables.
   CVE* createCVE(Atom* q);
-  // The same for explicit evidence (not owned); q may be null.
-  CVE* buildEngine(Atom* q, const AtomBody& evidence);
+  // The same for explicit evidence (not owned); q may be null. With
+  // standIns, events whose head atom stands in for their choice (standIn)
+  // are put over that atom: the same answers from fewer atoms, but not the
+  // network's own shape, which createCVE keeps for its readers.
+  CVE* buildEngine(Atom* q, const AtomBody& evidence, bool standIns = false);
   // Replaces the engine's order by a greedy min-fill order of its variables
   // other than q over the engine's confactors.
   void orderGreedily(CVE* engine, Atom* q);
-  // Enters the confactors of c's event.
-  void queryChoiceNode(Atom* c, CVE* engine, const AtomBody& evidence);
+  // An atom that only c's event causes, and that is its only head atom, is
+  // true exactly when the event chose it: the event's confactors can be put
+  // over that atom, with no choice atom and no table between the two. That
+  // atom, or null (also when either is observed, or c is the query q).
+  static Atom* standIn(Atom* c, Atom* q, const AtomBody& evidence);
+  // Enters the confactors of c's event, over `as` instead of c when given.
+  void queryChoiceNode(Atom* c, CVE* engine, const AtomBody& evidence, Atom* as = nullptr);
   // Enters a as the disjunction of its causes (a chain through auxiliary
   // atoms the engine owns), or, with use-confactors off, as one table.
   void queryAtomNode(Atom* a, CVE* engine, const AtomBody& evidence);

@@ -15,7 +15,7 @@ void FactorIndex::insert(Confactor* c) {
   (void)fresh;
   alive_.push_back(1);
   for (const AtomDomStruct* entry : c->atoms_)
-    lists_[static_cast<int>(entry->atom_->id_)].push_back(Entry{c, stamp});
+    listOf(static_cast<int>(entry->atom_->id_)).push_back(Entry{c, stamp});
   entries_ += c->atoms_.size();
 }
 
@@ -34,6 +34,7 @@ bool FactorIndex::erase(const Confactor* c) {
       compact(&it->second);
       it = it->second.empty() ? lists_.erase(it) : std::next(it);
     }
+    forgetLists();
     retired_ = 0;
   }
   return true;
@@ -67,8 +68,20 @@ std::vector<Confactor*> FactorIndex::confactors() const {
   return result;
 }
 
+std::vector<FactorIndex::Entry>& FactorIndex::listOf(int id) {
+  Slot& slot = slots_[static_cast<size_t>(id) % kSlots];
+  if (slot.list == nullptr || slot.id != id)
+    slot = Slot{id, &lists_[id]};
+  return *slot.list;
+}
+
+void FactorIndex::forgetLists() {
+  slots_.fill(Slot{0, nullptr});
+}
+
 void FactorIndex::clear() {
   lists_.clear();
+  forgetLists();
   live_.clear();
   alive_.clear();
   entries_ = 0;

@@ -3,6 +3,7 @@
 #ifndef CPLOGIC_CVE_H
 #define CPLOGIC_CVE_H
 
+#include <array>
 #include <deque>
 #include <map>
 #include <memory>
@@ -46,8 +47,21 @@ class FactorIndex {
     size_t entries;
   };
   void compact(std::vector<Entry>* entries);
+  // The list of id, made when missing.
+  std::vector<Entry>& listOf(int id);
+  void forgetLists();
 
   std::unordered_map<int, std::vector<Entry>> lists_;
+  // A direct-mapped cache in front of lists_: the confactors of one
+  // elimination share most of their atoms, and a hash lookup per entry was a
+  // tenth of a long query. Lists never move while they exist, so a slot
+  // stays valid until its list is erased.
+  struct Slot {
+    int id;
+    std::vector<Entry>* list;  // null: empty slot
+  };
+  static constexpr size_t kSlots = 1024;
+  std::array<Slot, kSlots> slots_{};
   std::unordered_map<const Confactor*, Record> live_;
   std::vector<char> alive_;
   size_t entries_ = 0;
