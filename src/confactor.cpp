@@ -190,16 +190,29 @@ ConfactorAtoms::~ConfactorAtoms() {
   }
 }
 
-ConfactorAtoms::iterator ConfactorAtoms::lowerBound(const Atom* atom) {
-  return std::lower_bound(begin(), end(), atom, [](const AtomDomStruct* e, const Atom* a) {
+namespace {
+
+// Contexts grow one atom at a time from a body tree's leaves to its root,
+// which mostly lands at one end: those are tried before the binary search.
+template <typename It>
+It lowerBoundByRank(It first, It last, const Atom* atom) {
+  if (first == last || (*(last - 1))->atom_->rank_ < atom->rank_)
+    return last;
+  if (atom->rank_ <= (*first)->atom_->rank_)
+    return first;
+  return std::lower_bound(first, last, atom, [](const AtomDomStruct* e, const Atom* a) {
     return e->atom_->rank_ < a->rank_;
   });
 }
 
+}  // namespace
+
+ConfactorAtoms::iterator ConfactorAtoms::lowerBound(const Atom* atom) {
+  return lowerBoundByRank(begin(), end(), atom);
+}
+
 ConfactorAtoms::const_iterator ConfactorAtoms::lowerBound(const Atom* atom) const {
-  return std::lower_bound(begin(), end(), atom, [](const AtomDomStruct* e, const Atom* a) {
-    return e->atom_->rank_ < a->rank_;
-  });
+  return lowerBoundByRank(begin(), end(), atom);
 }
 
 ConfactorAtoms::iterator ConfactorAtoms::find(const Atom* atom) {
