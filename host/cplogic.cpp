@@ -1,11 +1,15 @@
-// The cplogic module: the object type "vorn_cp_theory", the module entry and
-// the eleven vorn_cp_theory_* predicates, cplogic_hugin_net/3 and
-// cplogic_prob/4,5.
+// The cplogic module: the object types "vorn_cp_theory" and
+// "cplogic_called_set", the module entry and the vorn_cp_theory_*
+// predicates, cplogic_hugin_net/3, cplogic_prob/4,5 and the loader's helpers
+// cplogic_literal_body/5 and cplogic_called/2.
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <iostream>
 #include <string>
+#include <unordered_set>
+#include <vector>
 
 #include "pelmcollectable.h"
 #include "querylimits.h"
@@ -13,6 +17,7 @@
 #include "vorncptheory.h"
 
 PelmFunctorId g_global_not = 0;
+PelmFunctorId g_split_event = 0;
 
 extern pelm_type VornCPTheoryType;
 typedef PelmCollectable<VornCPTheory, &VornCPTheoryType> VornCPTheoryCollectable;
@@ -20,8 +25,57 @@ typedef PelmCollectable<VornCPTheory, &VornCPTheoryType> VornCPTheoryCollectable
 pelm_type VornCPTheoryType("vorn_cp_theory", DefaultCreateCollectable<VornCPTheoryCollectable>,
                            InitCreateCollectable<VornCPTheoryCollectable>);
 
+namespace {
+
+// The predicates that the rule bodies of a program being read call, each
+// once in the order first met: the loader stores such rules as it reads
+// them and checks the predicates once, when the program is complete.
+class CalledSet {
+ public:
+  CalledSet() = default;
+  explicit CalledSet(long) {}
+  CalledSet(const CalledSet&) = delete;
+  CalledSet& operator=(const CalledSet&) = delete;
+  ~CalledSet() {
+    for (const PelmIndicator& i : order_) {
+      pelm_release_atom(i.name);
+    }
+  }
+
+  void add(const std::vector<PelmIndicator>& called) {
+    for (const PelmIndicator& i : called) {
+      if (seen_.insert(i).second) {
+        pelm_hold_atom(i.name);
+        order_.push_back(i);
+      }
+    }
+  }
+  std::ostream& Print(std::ostream& os) const {
+    return os << "<" << order_.size() << " predicates called>";
+  }
+
+  std::vector<PelmIndicator> order_;
+
+ private:
+  struct Hash {
+    size_t operator()(const PelmIndicator& i) const {
+      return std::hash<uintptr_t>()(i.name) * 31 + static_cast<size_t>(i.arity);
+    }
+  };
+  std::unordered_set<PelmIndicator, Hash> seen_;
+};
+
+}  // namespace
+
+extern pelm_type CalledSetType;
+typedef PelmCollectable<CalledSet, &CalledSetType> CalledSetCollectable;
+
+pelm_type CalledSetType("cplogic_called_set", DefaultCreateCollectable<CalledSetCollectable>,
+                        InitCreateCollectable<CalledSetCollectable>);
+
 int pelm_module_init_cplogic_cplogic() {
   g_global_not = func_lookup("\\+", 1);
+  g_split_event = func_lookup("event", 3);
   PELMRegisterAllTypes();
   return 1;
 }
@@ -212,6 +266,12 @@ int vorn_cp_theory_atom_table_success(PelmMachine* m) {
   });
 }
 
+// vorn_cp_theory_new_atoms(+Theory, +Lists, ?Atoms): for the LPAD walk.
+int vorn_cp_theory_new_atoms(PelmMachine* m) {
+  return withTheory(
+      m, [m](VornCPTheory* t) { return t->newAtoms(m->argument(2), m->argument(3)) ? 1 : 0; });
+}
+
 // vorn_cp_theory_save(+Theory, +FileAtom)
 int vorn_cp_theory_save(PelmMachine* m) {
   return withTheory(m, [m](VornCPTheory* t) {
@@ -220,7 +280,8 @@ int vorn_cp_theory_save(PelmMachine* m) {
   });
 }
 
-// vorn_cp_theory_add_event(+Theory, +event(HeadList, BodyList))
+// vorn_cp_theory_add_event(+Theory, +event(HeadList, BodyList)) or
+// +event(HeadList, Negated, Positive)
 int vorn_cp_theory_add_event(PelmMachine* m) {
   return withTheory(m, [m](VornCPTheory* t) {
     t->addEvent(m->argument(2));
@@ -241,6 +302,28 @@ int vorn_cp_theory_atom_in_table(PelmMachine* m) {
   return withTheory(m, [m](VornCPTheory* t) {
     return pelm_unify_integer(m->argument(3), t->atomInTable(m->argument(2)));
   });
+}
+
+// cplogic_literal_body(+CalledSet, +Body, -Negated, -Positive, -Disjoint):
+// see pelm_literal_body, Disjoint true or maybe; the predicates the body
+// calls join the set.
+int cplogic_literal_body(PelmMachine* m) {
+  CalledSet* set =
+      HeapGetFromTerm<CalledSetCollectable>(m->argument(1), "cplogic_called_set")->object_.get();
+  std::vector<PelmIndicator> called;
+  bool disjoint = false;
+  if (!pelm_literal_body(m->argument(2), m->argument(3), m->argument(4), &disjoint, &called)) {
+    return 0;
+  }
+  set->add(called);
+  return pelm_unify_atom(m->argument(5), disjoint ? "true" : "maybe") ? 1 : 0;
+}
+
+// cplogic_called(+CalledSet, ?Indicators): the set's predicates as Name/Arity.
+int cplogic_called(PelmMachine* m) {
+  CalledSet* set =
+      HeapGetFromTerm<CalledSetCollectable>(m->argument(1), "cplogic_called_set")->object_.get();
+  return pelm_unify_indicators(m->argument(2), set->order_) ? 1 : 0;
 }
 
 // cplogic_hugin_net(+Theory, +Query, +FileAtom): for the command-line tool.
@@ -265,7 +348,10 @@ const PelmPredicate pelm_module_predicates_cplogic_cplogic[] = {
     {"vorn_cp_theory_add_event", 2, vorn_cp_theory_add_event},
     {"vorn_cp_theory_add_fo_event", 3, vorn_cp_theory_add_fo_event},
     {"vorn_cp_theory_atom_in_table", 3, vorn_cp_theory_atom_in_table},
+    {"vorn_cp_theory_new_atoms", 3, vorn_cp_theory_new_atoms},
     {"cplogic_hugin_net", 3, cplogic_hugin_net},
+    {"cplogic_literal_body", 5, cplogic_literal_body},
+    {"cplogic_called", 2, cplogic_called},
     {"cplogic_prob", 4, cplogic_prob},
     {"cplogic_prob", 5, cplogic_prob},
     {nullptr, 0, nullptr}};

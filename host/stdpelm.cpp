@@ -4,6 +4,7 @@
 #include <SWI-Prolog.h>
 #include <SWI-Stream.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -12,6 +13,7 @@
 #include <mutex>
 #include <new>
 #include <streambuf>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -638,6 +640,200 @@ void pelm_term_key(long term, int maxDepth, std::string* key, std::vector<uintpt
   PL_close_foreign_frame(frame);
 }
 
+bool pelm_get_atom_id(long term, uintptr_t* atom) {
+  term_t t = static_cast<term_t>(term);
+  int type = PL_term_type(t);
+  atom_t a;
+  if ((type != PL_ATOM && type != PL_NIL) || !PL_get_atom(t, &a)) {
+    return false;
+  }
+  *atom = a;
+  return true;
+}
+
+namespace {
+
+// A body atom as pelm_literal_body takes it: ground, not a control construct,
+// and no compound in it without arguments. *indicator is set.
+bool literal_atom(term_t t, PelmIndicator* indicator) {
+  static const functor_t control[] = {
+      PL_new_functor(PL_new_atom(","), 2),  PL_new_functor(PL_new_atom(";"), 2),
+      PL_new_functor(PL_new_atom("->"), 2), PL_new_functor(PL_new_atom("*->"), 2),
+      PL_new_functor(PL_new_atom(":-"), 2), PL_new_functor(PL_new_atom("\\+"), 1),
+      PL_new_functor(PL_new_atom(":"), 2)};
+  atom_t name;
+  size_t arity;
+  switch (PL_term_type(t)) {
+    case PL_ATOM:
+      if (!PL_get_atom(t, &name)) {
+        return false;
+      }
+      *indicator = PelmIndicator{name, 0};
+      return true;
+    case PL_TERM:
+      break;
+    default:
+      return false;
+  }
+  functor_t f;
+  if (!PL_get_functor(t, &f) || !PL_is_ground(t)) {
+    return false;
+  }
+  for (functor_t c : control) {
+    if (f == c) {
+      return false;
+    }
+  }
+  if (!PL_get_name_arity(t, &name, &arity) || arity == 0) {
+    return false;
+  }
+  // Compounds without arguments anywhere inside are left to the checks
+  // that name them.
+  std::vector<term_t> pending{PL_copy_term_ref(t)};
+  while (!pending.empty()) {
+    term_t u = pending.back();
+    pending.pop_back();
+    size_t n = 0;
+    atom_t uname;
+    if (PL_get_name_arity(u, &uname, &n)) {
+      if (PL_is_compound(u)) {
+        if (n == 0) {
+          return false;
+        }
+        for (size_t i = 1; i <= n; ++i) {
+          term_t a = PL_new_term_ref();
+          if (!PL_get_arg(i, u, a)) {
+            return false;
+          }
+          if (PL_is_compound(a)) {
+            pending.push_back(a);
+          }
+        }
+      }
+    }
+  }
+  *indicator = PelmIndicator{name, static_cast<int>(arity)};
+  return true;
+}
+
+bool unify_list(term_t list, const std::vector<term_t>& terms) {
+  term_t tail = PL_copy_term_ref(list);
+  term_t head = PL_new_term_ref();
+  for (term_t t : terms) {
+    if (!PL_unify_list(tail, head, tail) || !PL_unify(head, t)) {
+      return false;
+    }
+  }
+  return PL_unify_nil(tail);
+}
+
+}  // namespace
+
+bool pelm_literal_body(long body, long negated, long positive, bool* disjoint,
+                       std::vector<PelmIndicator>* called) {
+  static const functor_t conjunction = PL_new_functor(PL_new_atom(","), 2);
+  static const functor_t negation = PL_new_functor(PL_new_atom("\\+"), 1);
+  static const functor_t notCall = PL_new_functor(PL_new_atom("not"), 1);
+  static const atom_t trueAtom = PL_new_atom("true");
+  fid_t frame = PL_open_foreign_frame();
+  std::vector<term_t> negs;
+  std::vector<term_t> poss;
+  std::vector<term_t> rest;  // right-hand sides of conjunctions still to walk
+  size_t firstCalled = called->size();
+  // One slot per literal: a literal's slot is where its atom is kept, and a
+  // conjunction's slot is reused for its right-hand side.
+  auto literal = [&](term_t t) {
+    atom_t a;
+    if (PL_get_atom(t, &a) && a == trueAtom) {
+      return true;
+    }
+    PelmIndicator indicator;
+    if (PL_is_functor(t, negation) || PL_is_functor(t, notCall)) {
+      if (!PL_get_arg(1, t, t) || !literal_atom(t, &indicator)) {
+        return false;
+      }
+      negs.push_back(t);
+    } else {
+      if (!literal_atom(t, &indicator)) {
+        return false;
+      }
+      poss.push_back(t);
+    }
+    called->push_back(indicator);
+    return true;
+  };
+  term_t current = PL_copy_term_ref(static_cast<term_t>(body));
+  bool ok = true;
+  while (ok) {
+    if (PL_is_functor(current, conjunction)) {
+      term_t left = PL_new_term_ref();
+      ok = PL_get_arg(1, current, left);
+      if (ok && PL_is_functor(left, conjunction)) {
+        term_t right = PL_new_term_ref();
+        ok = PL_get_arg(2, current, right);
+        rest.push_back(right);
+        current = left;
+      } else if (ok) {
+        ok = literal(left) && PL_get_arg(2, current, current);
+      }
+      continue;
+    }
+    ok = literal(current);
+    if (rest.empty()) {
+      break;
+    }
+    current = rest.back();
+    rest.pop_back();
+  }
+  ok = ok && unify_list(static_cast<term_t>(negated), negs) &&
+       unify_list(static_cast<term_t>(positive), poss);
+  // An atom both negated and not is ruled out here when the literals are
+  // atoms.
+  *disjoint = false;
+  if (ok && (negs.empty() || poss.empty())) {
+    *disjoint = true;
+  } else if (ok) {
+    std::unordered_set<atom_t> negated_atoms;
+    atom_t a;
+    bool atoms = true;
+    for (size_t i = 0; i < negs.size() && atoms; ++i) {
+      atoms = PL_get_atom(negs[i], &a);
+      negated_atoms.insert(a);
+    }
+    for (size_t i = 0; i < poss.size() && atoms; ++i) {
+      atoms = PL_get_atom(poss[i], &a) && negated_atoms.count(a) == 0;
+    }
+    *disjoint = atoms;
+  }
+  if (!ok) {
+    called->resize(firstCalled);
+    PL_discard_foreign_frame(frame);
+    return false;
+  }
+  PL_close_foreign_frame(frame);
+  return true;
+}
+
+bool pelm_unify_indicators(long list, const std::vector<PelmIndicator>& indicators) {
+  term_t tail = PL_copy_term_ref(static_cast<term_t>(list));
+  term_t head = PL_new_term_ref();
+  for (const PelmIndicator& i : indicators) {
+    if (!PL_unify_list(tail, head, tail) ||
+        !PL_unify_term(head, PL_FUNCTOR_CHARS, "/", 2, PL_ATOM, i.name, PL_INT, i.arity)) {
+      return false;
+    }
+  }
+  return PL_unify_nil(tail);
+}
+
+void pelm_hold_atom(uintptr_t atom) {
+  PL_register_atom(atom);
+}
+
+void pelm_release_atom(uintptr_t atom) {
+  PL_unregister_atom(atom);
+}
+
 std::string pelm_term_text(long term) {
   char* buffer = nullptr;
   size_t size = 0;
@@ -936,6 +1132,21 @@ bool pelm_unify_float(long term, double value) {
 
 bool pelm_unify_integer(long term, long value) {
   return PL_unify_int64(term, value);
+}
+
+bool pelm_unify_atom(long term, const char* text) {
+  return PL_unify_atom_chars(term, text);
+}
+
+PelmListUnifier::PelmListUnifier(long list)
+    : tail_(PL_copy_term_ref(static_cast<term_t>(list))), head_(PL_new_term_ref()) {}
+
+bool PelmListUnifier::add(long element) {
+  return PL_unify_list(tail_, head_, tail_) && PL_unify(head_, static_cast<term_t>(element));
+}
+
+bool PelmListUnifier::close() {
+  return PL_unify_nil(tail_);
 }
 
 // ---- Managed objects ----------------------------------------------------------

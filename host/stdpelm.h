@@ -52,6 +52,32 @@ bool pelm_get_number(long term, double* value);
 // (PelmAtomHolder).
 void pelm_term_key(long term, int maxDepth, std::string* key,
                    std::vector<uintptr_t>* atoms = nullptr);
+// An atom (the empty list included), whose key is its identifier: *atom is
+// set to the identifier. False for any other term.
+bool pelm_get_atom_id(long term, uintptr_t* atom);
+// A predicate indicator: a name (an atom identifier) and an arity.
+struct PelmIndicator {
+  uintptr_t name;
+  int arity;
+  bool operator==(const PelmIndicator& o) const { return name == o.name && arity == o.arity; }
+};
+
+// The literals of a ground rule body written as a conjunction (',', true,
+// \+ and not) of atoms and compound terms that are not control constructs
+// (',' ';' '->' '*->' ':-' \+ ':') and hold no compound without arguments:
+// unifies negated and positive with the atoms of the negative and of the
+// positive literals, in the body's order, and appends the indicator of each
+// literal's atom to *called. *disjoint is true when no atom is both negated
+// and positive, false when that is not known. False, with nothing unified,
+// for any other body.
+bool pelm_literal_body(long body, long negated, long positive, bool* disjoint,
+                       std::vector<PelmIndicator>* called);
+// Unifies list with the indicators as Name/Arity terms.
+bool pelm_unify_indicators(long list, const std::vector<PelmIndicator>& indicators);
+// Holds or releases an atom identifier (PelmAtomHolder holds sets of them).
+void pelm_hold_atom(uintptr_t atom);
+void pelm_release_atom(uintptr_t atom);
+
 // The term as quoted Prolog text that reads back as the term, bracketed as an
 // operand of priority 199 (the left side of ":"), and bracketed as well when
 // it starts or ends with a symbol character.
@@ -120,6 +146,8 @@ class PelmListWalk {
   PelmListWalk(PelmTermTable& table, long list);
   // Moves to the next element; false when the walk is over.
   bool next();
+  // The number of elements the walk visits.
+  size_t size() const { return length_; }
   // The current element. REQUIRES: the last next() returned true.
   long head() const { return head_; }
 
@@ -169,6 +197,21 @@ class PelmMachine {
 // error pending, which the failing call then raises.
 bool pelm_unify_float(long term, double value);
 bool pelm_unify_integer(long term, long value);
+bool pelm_unify_atom(long term, const char* text);
+
+// Unifies an output argument with a list, element by element from the front:
+// add() and close() fail as soon as the list cannot be unified.
+class PelmListUnifier {
+ public:
+  explicit PelmListUnifier(long list);
+  bool add(long element);
+  // Ends the list.
+  bool close();
+
+ private:
+  uintptr_t tail_;
+  uintptr_t head_;
+};
 
 // ---- Errors ---------------------------------------------------------------
 // The functions below build an ISO error term error(Formal, context(Name/Arity,

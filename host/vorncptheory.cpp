@@ -42,9 +42,12 @@ std::string termName(long term) {
 // Calls f on each element of a proper list; slots taken by f are given back
 // after each element, so that long lists need no more slots than short ones.
 template <class F>
-void forEachElement(long list, PelmTermTable& table, F f) {
+void forEachElement(long list, PelmTermTable& table, F f, size_t* length = nullptr) {
   pelm_must_be_list(list);
   PelmListWalk walk(table, list);
+  if (length != nullptr) {
+    *length = walk.size();
+  }
   while (walk.next()) {
     long mark = table.mark();
     f(walk.head());
@@ -247,15 +250,51 @@ void VornCPTheory::atomTableSuccess(long term) {
   atom_table_[std::move(key)] = kComplete;
 }
 
+bool VornCPTheory::newAtoms(long lists, long result) {
+  PelmTermTable table;
+  PelmListUnifier out(result);
+  std::unordered_set<PelmAtomId> seenAtoms;
+  std::unordered_set<std::string> seenKeys;
+  bool unified = true;
+  forEachElement(lists, table, [&](long list) {
+    forEachElement(list, table, [&](long element) {
+      PelmAtomId id;
+      std::string key;
+      if (pelm_get_atom_id(element, &id)) {
+        if (!seenAtoms.insert(id).second) {
+          return;
+        }
+        key = termKey(element);
+      } else {
+        key = termKey(element);
+        if (!seenKeys.insert(key).second) {
+          return;
+        }
+      }
+      auto status = atom_table_.find(key);
+      if (unified && (status == atom_table_.end() || status->second != kComplete)) {
+        unified = out.add(element);
+      }
+    });
+  });
+  return unified && out.close();
+}
+
 void VornCPTheory::addEvent(long term) {
   PelmTermTable table;
-  long headList = argumentOf(term, 1, 2, "event", table);
-  long bodyList = argumentOf(term, 2, 2, "event", table);
+  bool split = pelm_is_structure(term) && pelm_functor_id(term) == g_split_event;
+  int arity = split ? 3 : 2;
+  long headList = argumentOf(term, 1, arity, "event", table);
   std::vector<Literal> head;
   std::vector<Literal> body;
   std::vector<PelmAtomId> atoms;
-  readHead(headList, table, &head, &atoms);
-  readBody(bodyList, table, &body, &atoms);
+  readHead(headList, table, &head, &atoms, false);
+  if (split) {
+    readBodyAtoms(argumentOf(term, 2, arity, "event", table), 0, table, &body, &atoms);
+    readBodyAtoms(argumentOf(term, 3, arity, "event", table), 1, table, &body, &atoms);
+  } else {
+    readBody(argumentOf(term, 2, arity, "event", table), table, &body, &atoms, false);
+  }
   held_atoms_.hold(atoms);
   addRule(head, body);
 }
@@ -299,8 +338,8 @@ void VornCPTheory::addGroundEvent(long term) {
   std::vector<Literal> head;
   std::vector<Literal> body;
   std::vector<PelmAtomId> atoms;
-  readHead(headList, table, &head, &atoms);
-  readBody(bodyList, table, &body, &atoms);
+  readHead(headList, table, &head, &atoms, true);
+  readBody(bodyList, table, &body, &atoms, true);
   size_t n = static_cast<size_t>(fo_event_values_[event]);
   if (head.size() + body.size() != n) {
     pelm_domain_error("fo_event_grounding", term,
@@ -326,12 +365,12 @@ void VornCPTheory::addGroundEvent(long term) {
 }
 
 void VornCPTheory::readHead(long list, PelmTermTable& table, std::vector<Literal>* head,
-                            std::vector<PelmAtomId>* atoms) {
+                            std::vector<PelmAtomId>* atoms, bool withKeys) {
   double sum = 0.0;
   forEachElement(list, table, [&](long element) {
     long atomTerm = argumentOf(element, 1, 2, "head_element", table);
     long probabilityTerm = argumentOf(element, 2, 2, "head_element", table);
-    Literal literal = readLiteral(atomTerm, atoms);
+    Literal literal = readLiteral(atomTerm, atoms, withKeys);
     literal.probability = probabilityOf(probabilityTerm);
     sum += literal.probability;
     head->push_back(std::move(literal));
@@ -342,21 +381,65 @@ void VornCPTheory::readHead(long list, PelmTermTable& table, std::vector<Literal
 }
 
 void VornCPTheory::readBody(long list, PelmTermTable& table, std::vector<Literal>* body,
-                            std::vector<PelmAtomId>* atoms) {
-  forEachElement(list, table, [&](long element) {
-    if (pelm_is_var(element)) {
-      pelm_instantiation_error();
-    }
-    bool negated = pelm_is_structure(element) && pelm_functor_id(element) == g_global_not;
-    Literal literal = readLiteral(negated ? table.arg(element, 1) : element, atoms);
-    literal.value = negated ? 0 : 1;
-    body->push_back(std::move(literal));
-  });
+                            std::vector<PelmAtomId>* atoms, bool withKeys) {
+  // Room for the whole list at the first element: literals are large.
+  size_t length = 0;
+  forEachElement(
+      list, table,
+      [&](long element) {
+        if (length != 0) {
+          body->reserve(body->size() + length);
+          length = 0;
+        }
+        if (pelm_is_var(element)) {
+          pelm_instantiation_error();
+        }
+        bool negated = pelm_is_structure(element) && pelm_functor_id(element) == g_global_not;
+        Literal literal = readLiteral(negated ? table.arg(element, 1) : element, atoms, withKeys);
+        literal.value = negated ? 0 : 1;
+        body->push_back(std::move(literal));
+      },
+      &length);
 }
 
-VornCPTheory::Literal VornCPTheory::readLiteral(long term, std::vector<PelmAtomId>* atoms) {
-  Literal literal{termKey(term, atoms), std::string(), 0.0, 1};
-  if (findAtom(literal.key) == nullptr) {
+void VornCPTheory::readBodyAtoms(long list, int value, PelmTermTable& table,
+                                 std::vector<Literal>* body, std::vector<PelmAtomId>* atoms) {
+  size_t length = 0;
+  forEachElement(
+      list, table,
+      [&](long element) {
+        if (length != 0) {
+          body->reserve(body->size() + length);
+          length = 0;
+        }
+        if (pelm_is_var(element)) {
+          pelm_instantiation_error();
+        }
+        Literal literal = readLiteral(element, atoms, false);
+        literal.value = value;
+        body->push_back(std::move(literal));
+      },
+      &length);
+}
+
+VornCPTheory::Literal VornCPTheory::readLiteral(long term, std::vector<PelmAtomId>* atoms,
+                                                bool withKey) {
+  Literal literal{std::string(), std::string(), 0.0, 1, nullptr, false, 0};
+  literal.is_atom = pelm_get_atom_id(term, &literal.atom_id);
+  if (literal.is_atom) {
+    auto known = atom_ids_.find(literal.atom_id);
+    if (known != atom_ids_.end()) {
+      literal.atom = known->second;
+      if (!withKey) {
+        return literal;
+      }
+    }
+  }
+  literal.key = termKey(term, atoms);
+  if (literal.atom == nullptr) {
+    literal.atom = findAtom(literal.key);
+  }
+  if (literal.atom == nullptr) {
     literal.name = termName(term);
   }
   return literal;
@@ -384,18 +467,21 @@ Atom* VornCPTheory::findAtom(const std::string& key) const {
 }
 
 Atom* VornCPTheory::registerAtom(const Literal& literal) {
-  Atom* atom = findAtom(literal.key);
-  if (atom != nullptr) {
-    return atom;
+  // A rule may name a new atom twice: the second time it is known by now.
+  Atom* atom = literal.atom != nullptr ? literal.atom : findAtom(literal.key);
+  if (atom == nullptr) {
+    // Quoted names never look like the theory's own atoms (C12, a', C3_x),
+    // but a name already taken must not merge two atoms.
+    std::string name = literal.name;
+    while (atoms_.count(name) != 0) {
+      name += "_";
+    }
+    atom = addAtom(name);
+    term_atoms_.emplace(literal.key, atom);
   }
-  // Quoted names never look like the theory's own atoms (C12, a', C3_x), but
-  // a name already taken must not merge two atoms.
-  std::string name = literal.name;
-  while (atoms_.count(name) != 0) {
-    name += "_";
+  if (literal.is_atom) {
+    atom_ids_.try_emplace(literal.atom_id, atom);
   }
-  atom = addAtom(name);
-  term_atoms_.emplace(literal.key, atom);
   return atom;
 }
 

@@ -21,6 +21,8 @@
 
 // The functor \+/1 of negated body literals; set once when the module loads.
 extern PelmFunctorId g_global_not;
+// The functor event/3 of events whose body comes as two lists.
+extern PelmFunctorId g_split_event;
 
 // Term arguments (long) are slots of the current call (stdpelm.h).
 class VornCPTheory : public CPTheory {
@@ -30,6 +32,9 @@ class VornCPTheory : public CPTheory {
 
   // The atom of every ground term added so far, by term key.
   std::unordered_map<std::string, Atom*> term_atoms_;
+  // The same for the terms that are atoms, by the atom's identifier (held in
+  // held_atoms_): the common literal is found without making its key.
+  std::unordered_map<PelmAtomId, Atom*> atom_ids_;
   // Tabling status of a ground atom, as vorn_cp_theory_atom_in_table/3
   // reports it: new (then under evaluation), under evaluation, complete.
   enum TableStatus : int32_t { kNewInTable = 0, kUnderEvaluation = 1, kComplete = 2 };
@@ -68,9 +73,14 @@ class VornCPTheory : public CPTheory {
   // The atom's tabling status (0 when new, then marked 1).
   int atomInTable(long term);
   void atomTableSuccess(long term);
+  // Unifies result with the elements of the lists in lists, each once in the
+  // order of their first occurrence, leaving out the atoms that the atom
+  // table marks complete.
+  bool newAtoms(long lists, long result);
 
   // event(HeadList, BodyList): HeadList of h(Atom, Probability), BodyList of
-  // atoms and \+ Atom.
+  // atoms and \+ Atom. event(HeadList, Negated, Positive): the body is the
+  // atoms of the list Negated negated, then those of Positive.
   void addEvent(long term);
   // Announces first-order event number event with count terms per grounding.
   void addFoEvent(long eventTerm, long countTerm);
@@ -82,19 +92,28 @@ class VornCPTheory : public CPTheory {
  private:
   // A head atom or body literal of a rule being read: the term's key, its
   // name when the theory does not know it yet, and its probability or value.
+  // A known atom term is found by its identifier: atom is set and the key
+  // left empty unless it was asked for.
   struct Literal {
     std::string key;
     std::string name;
     double probability;
     int value;
+    Atom* atom;
+    bool is_atom;  // the term is an atom, whose identifier is atom_id
+    PelmAtomId atom_id;
   };
 
-  // The readers append the atoms in the literals' keys to *atoms.
+  // The readers append the atoms in the literals' keys to *atoms; withKeys
+  // makes every literal's key.
   void readHead(long list, PelmTermTable& table, std::vector<Literal>* head,
-                std::vector<PelmAtomId>* atoms);
+                std::vector<PelmAtomId>* atoms, bool withKeys);
   void readBody(long list, PelmTermTable& table, std::vector<Literal>* body,
-                std::vector<PelmAtomId>* atoms);
-  Literal readLiteral(long term, std::vector<PelmAtomId>* atoms);
+                std::vector<PelmAtomId>* atoms, bool withKeys);
+  // The elements of the list as body literals of the given value.
+  void readBodyAtoms(long list, int value, PelmTermTable& table, std::vector<Literal>* body,
+                     std::vector<PelmAtomId>* atoms);
+  Literal readLiteral(long term, std::vector<PelmAtomId>* atoms, bool withKey);
   void addRule(const std::vector<Literal>& head, const std::vector<Literal>& body);
   // The atom of a key; null when the theory does not know the term.
   Atom* findAtom(const std::string& key) const;

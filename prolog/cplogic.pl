@@ -29,6 +29,9 @@ with events:
     event(Head, Body)
         Head is a list of h(Atom, Probability) (Probability a float),
         Body a list of ground atoms and \+ Atom.
+    event(Head, Negated, Positive)
+        The same with the body's atoms in two lists: the atoms of Negated
+        negated, then those of Positive.
     ground(FoEvent, Head, Body)
         One grounding of first-order event FoEvent, announced before with
         vorn_cp_theory_add_fo_event(Theory, FoEvent, TermCount), TermCount

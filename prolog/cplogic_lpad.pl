@@ -134,6 +134,7 @@ body is solved (not range-restricted).
 :- dynamic lpad_evidence/3.         % Key, Literal, Where: an evidence fact
 :- dynamic lpad_goal/3.             % Key, VariantKey, Goal-Head: a goal's clause
 :- dynamic lpad_staging/1.          % Key: items wait for the predicate set
+:- dynamic lpad_staged_pred/3.      % Key, Name, Arity: a waiting item has it in its head
 :- dynamic lpad_load_safe/1.        % Key: checked as safe(true)
 :- dynamic lpad_block_done/3.       % Module, File, Stream: the block of this load
 :- dynamic lpad_second_block/1.     % Module: a second block is being dropped
@@ -261,32 +262,81 @@ lpad_load(File, M, Options) :-
     must_be(boolean, Safe),
     (   is_of_type(text, File) -> true ; type_error(file_name, File) ),
     op(700, xfx, M:(::)),               % the file is read with M's operators
+    counters(Counters),
+    load_file_program(File, M, Safe, true, Key0, Complete),
+    (   Complete == true
+    ->  Key = Key0
+    ;   % a rule stored as it was read calls a predicate that the program
+        % does not define: the file is read again the general way
+        restore_counters(Counters),
+        load_file_program(File, M, Safe, false, Key, _)
+    ),
+    switch_program(M, Key).
+
+% load_file_program(+File, +M, +Safe, +Direct, -Key, -Complete) reads the
+% program of File as a new program Key. With Direct true, a ground rule of
+% one head atom whose body is a conjunction of literals is stored as it is
+% read, before the predicates of its body are known: Complete is false, and
+% the program dropped, when one of them turns out not to be a program
+% predicate. Fails, with nothing left, when reading fails.
+load_file_program(File, M, Safe, Direct, Key, Complete) :-
     new_program(M, Safe, Key),
-    (   catch(( read_program(File, load_term(Key),
-                             [variable_names(true), module(M)]),
-                finish_program(Key)
+    cplogic:pelm_new(cplogic_called_set, Called),
+    Ctx = load(Key, Direct, Called),
+    (   catch(( read_program(File, load_term(Ctx), [variable_names(true), module(M)]),
+                cplogic:cplogic_called(Called, Preds),
+                (   forall(member(N/A, Preds), lpad_pred(Key, N, A))
+                ->  Complete = true,
+                    finish_program(Key)
+                ;   Complete = false
+                )
               ), E, true)
-    ->  (   var(E)
-        ->  switch_program(M, Key)
+    ->  cplogic:pelm_free(Called),
+        (   var(E)
+        ->  (   Complete == true -> true ; drop_program(Key) )
         ;   drop_program(Key),
             throw(E)
         )
-    ;   drop_program(Key),
+    ;   cplogic:pelm_free(Called),
+        drop_program(Key),
         fail
     ).
 
+% The counters that name clauses and auxiliary atoms: a program that is read
+% again gets the names the first reading gave.
+counters(c(Clause, Pred, Atom)) :-
+    flag(cplogic_lpad_clause, Clause, Clause),
+    flag(cplogic_aux_pred, Pred, Pred),
+    flag(cplogic_aux_atom, Atom, Atom).
+
+restore_counters(c(Clause, Pred, Atom)) :-
+    flag(cplogic_lpad_clause, _, Clause),
+    flag(cplogic_aux_pred, _, Pred),
+    flag(cplogic_aux_atom, _, Atom).
+
 % Each term is checked, parsed and installed as it is read, so that only
 % the program itself, not the file's text, is held.
-load_term(Key, (:- D), _, _) :-
+load_term(load(Key, _, _), (:- D), _, _) :-
     !,
     (   nonvar(D), D = op(P, T, N)
     ->  lpad_module(Key, M),
         op(P, T, M:N)
     ;   true
     ).
-load_term(Key, Term, Where, Names) :-
+load_term(load(Key, Direct, Called), Term, Where, Names) :-
     check_clause_head(Term, Where, Names),
-    (   nonvar(Term),
+    (   Direct == true,
+        nonvar(Term),
+        Term = (Head :- Body),
+        ground_head(Head),
+        cplogic:cplogic_literal_body(Called, Body, Negs, Poss, Disjoint)
+    ->  parse_heads(Head, Where, Heads),
+        (   Heads = [H-P]
+        ->  add_ground_rule(Key, H, P, Negs, Poss, Disjoint, Body, Where, Names)
+        ;   body_shape(Body, Where, Lits, []),
+            add_item(Key, lits(Heads, Lits), Where, Names)
+        )
+    ;   nonvar(Term),
         Term = (Head :- Body),
         body_shape(Body, Where, Lits, [])
     ->  parse_heads(Head, Where, Heads),
@@ -297,6 +347,44 @@ load_term(Key, Term, Where, Names) :-
         ),
         parse_term(Term, Where, Item),
         add_item(Key, Item, Where, Names)
+    ).
+
+% ground_head(+Head): Head is one ground head atom, with a probability
+% that is a number or without one.
+ground_head(Head) :-
+    nonvar(Head),
+    (   Head = (A : P) -> number(P)
+    ;   Head = (P :: A) -> number(P)
+    ;   A = Head
+    ),
+    callable(A),
+    ground(A),
+    A \== null.
+
+% add_ground_rule(+Key, +H, +P, +Negs0, +Poss0, +Disjoint, +Body, +Where,
+% +VarNames): the rule H:P :- Body, whose body has the atoms Negs0 negated
+% and Poss0 (Disjoint is true when none is both), is stored as
+% install_item/3 would store it once the program is complete, which the
+% reader checks then (cplogic_called/2). Only a rule for a predicate that an
+% item waiting in the stage has in its head waits as well, which keeps the
+% order of each predicate's rules.
+add_ground_rule(Key, H, P, Negs0, Poss0, Disjoint, Body, Where, Names) :-
+    register_heads([H-P], Key),
+    functor(H, N, A),
+    (   lpad_staged_pred(Key, N, A)
+    ->  body_shape(Body, Where, Lits, []),
+        stage(Key, lits([H-P], Lits), Where, Names)
+    ;   reserve_auxiliary_atom(H),
+        sort(Negs0, Negs),
+        sort(Poss0, Poss),
+        (   Negs == [], Poss == []
+        ->  Ref = f(P, Where)
+        ;   ( Disjoint == true -> true ; ord_disjoint(Negs, Poss) )
+        ->  Ref = s(P, Negs, Poss, Where)
+        ;   Ref = c(0, [H-P], r(same, Negs, Poss), Where, never)
+        ),
+        head_entry(Key, Ref, 1, H, Entry),
+        assertz(Entry)
     ).
 
 % body_shape(+Body, +Where, -Lits, ?Tail): the literals of a body that is a
@@ -369,6 +457,11 @@ add_item(Key, Item, Where, Names) :-
 
 stage(Key, Item, Where, Names) :-
     (   lpad_staging(Key) -> true ; assertz(lpad_staging(Key)) ),
+    (   ( Item = lits(Heads, _) ; Item = clause(Heads, _) )
+    ->  forall(( member(H-_, Heads), functor(H, N, A), \+ lpad_staged_pred(Key, N, A) ),
+               assertz(lpad_staged_pred(Key, N, A)))
+    ;   true
+    ),
     (   lpad_load_safe(Key) -> Kept = Names ; Kept = [] ),
     recordz(cplogic_stage, s(Key, Item, Where, Kept)).
 
@@ -461,6 +554,7 @@ finish_program(Key) :-
            ( erase(Ref),
              install_item(Item, Key, Where) )),
     retractall(lpad_staging(Key)),
+    retractall(lpad_staged_pred(Key, _, _)),
     retractall(lpad_load_safe(Key)).
 
 item_goal(clause(_, B), B).
@@ -840,6 +934,7 @@ forget_program(Key) :-
     retractall(lpad_goal(Key, _, _)),
     forall(recorded(cplogic_stage, s(Key, _, _, _), Ref), erase(Ref)),
     retractall(lpad_staging(Key)),
+    retractall(lpad_staged_pred(Key, _, _)),
     retractall(lpad_load_safe(Key)),
     abolish_table_subgoals(cplogic_lpad:possible(Key, _)),
     forget_theory(Key),
@@ -1318,14 +1413,11 @@ negative(A, neg(A)).
 add_rule(T, rule(Heads, Body, _)) :-
     maplist(head_term, Heads, HTerms),
     (   Body = np(Negs, Poss)
-    ->  negated_terms(Negs, BTerms, Poss)
-    ;   maplist(body_term, Body, BTerms)
+    ->  Event = event(HTerms, Negs, Poss)
+    ;   maplist(body_term, Body, BTerms),
+        Event = event(HTerms, BTerms)
     ),
-    cplogic:vorn_cp_theory_add_event(T, event(HTerms, BTerms)).
-
-negated_terms([], Tail, Tail).
-negated_terms([A | As], [\+ A | Ts], Tail) :-
-    negated_terms(As, Ts, Tail).
+    cplogic:vorn_cp_theory_add_event(T, Event).
 
 % The rule with its body as a list of literals, in the order of sort/2.
 literal_rule(rule(Heads, Body, Where), rule(Heads, Lits, Where)) :-
@@ -1364,10 +1456,9 @@ never_holds(Key, A) :-
 % then 2: meeting a 1 is meeting an atom on the current path, a cycle.
 % When an atom is done and none of its rules is free of atoms that never
 % hold (atoms on the current path may hold), it never holds either.
-% A frame(Atom, Chunks, Support) has the atom's children as lists of atoms,
-% the body lists of its rules where they are lists of atoms already, so
-% that nothing is copied; Support tells whether lpad_support/3 holds the
-% atom. State = walk(Cyclic, Progress, Start, LastReport, Atoms, Rules).
+% A frame(Atom, Chunks, Support) has the atom's children as lists of
+% atoms; Support tells whether lpad_support/3 holds the atom.
+% State = walk(Cyclic, Progress, Start, LastReport, Atoms, Rules).
 walk([], _, _, _).
 walk([frame(A, Chunks, Sup) | Stack], Key, T, State) :-
     (   Chunks = [Chunk | More]
@@ -1376,7 +1467,7 @@ walk([frame(A, Chunks, Sup) | Stack], Key, T, State) :-
             (   Status =:= 2
             ->  walk([frame(A, [Cs | More], Sup) | Stack], Key, T, State)
             ;   Status =:= 0
-            ->  expand_atom(Key, C, Next, NRules, CSup),
+            ->  expand_atom(Key, T, C, Next, NRules, CSup),
                 progress(State, NRules),
                 walk([frame(C, Next, CSup), frame(A, [Cs | More], Sup) | Stack], Key, T, State)
             ;   nb_setarg(1, State, true),
@@ -1404,23 +1495,22 @@ decide_support(Key, A) :-
     ;   true
     ).
 
-% expand_atom(+Key, +Atom, -Chunks, -Count, -Support): collects the Count
-% ground rules with Atom in their head; Chunks are the atoms of their
-% bodies and, for the predicates on a cycle, their other head atoms: every
-% rule in the theory then has all of its head atoms expanded, so a later
-% query never finds a cycle through rules that are already in the theory.
-% Support is true when lpad_support/3 now holds the atom.
+% expand_atom(+Key, +Theory, +Atom, -Chunks, -Count, -Support): collects
+% the Count ground rules with Atom in their head; Chunks are the atoms of
+% their bodies and, for the predicates on a cycle, their other head atoms:
+% every rule in the theory then has all of its head atoms expanded, so a
+% later query never finds a cycle through rules that are already in the
+% theory. Support is true when lpad_support/3 now holds the atom.
 %
 % Meeting an atom twice among them changes nothing (the second time it is
-% done or on the path), so from the second rule on, once the rules have
-% many literals, each atom is kept only where it first occurs: an atom with
-% many long rules over the same atoms costs one step per literal here, not
-% a step of the walk. A single long rule needs no such set.
-expand_atom(Key, A, Chunks, NRules, Support) :-
-    Seen = seen(none, 0),
-    findall(Item, expanded_rule(Key, A, Seen, Item), Items),
-    (   arg(1, Seen, none) -> true ; arg(1, Seen, Trie), trie_destroy(Trie) ),
-    expanded_items(Items, Chunks, 0, NRules, Sup, false, Fact),
+% done or on the path), and neither does meeting one that is done: the
+% theory keeps each atom where it first occurs and drops those done, so that
+% an atom with many long rules over the same atoms costs a step of the walk
+% per atom, not per literal.
+expand_atom(Key, T, A, [Atoms], NRules, Support) :-
+    findall(Item, expanded_rule(Key, A, Item), Items),
+    expanded_items(Items, Lists, 0, NRules, Sup, false, Fact),
+    cplogic:vorn_cp_theory_new_atoms(T, Lists, Atoms),
     (   Fact == true
     ->  Support = false
     ;   term_hash(A, H),
@@ -1428,36 +1518,18 @@ expand_atom(Key, A, Chunks, NRules, Support) :-
         Support = true
     ).
 
-% expanded_rule(+Key, +A, +Seen, -Item): Item = r(New, Atoms, Positives,
-% Others) for a rule of A, Atoms a list of lists; a new rule is collected.
-% Seen = seen(Trie, Count) counts the literals and, past the first ones
-% after the first rule, holds the atoms met.
-expanded_rule(Key, A, Seen, r(New, Atoms, Ps, Others)) :-
+% expanded_rule(+Key, +A, -Item): Item = r(New, Lists, Positives, Others)
+% for a rule of A, Lists the lists of its body atoms; a new rule is
+% collected.
+expanded_rule(Key, A, r(New, Lists, Ps, Others)) :-
     rule_for_atom(Key, A, Rule, New),
     (   New == true -> recordz(cplogic_collected, Rule) ; true ),
     Rule = rule(Heads, Body, _),
     (   Body = np(Negs, Poss)
     ->  Ps = Poss,
-        length(Negs, KN),
-        length(Poss, KP),
-        K is KN + KP,
         Lists = [Negs, Poss]
-    ;   literal_atoms(Body, All, Ps, 0, K),
+    ;   literal_atoms(Body, All, Ps),
         Lists = [All]
-    ),
-    arg(2, Seen, K0),
-    K1 is K0 + K,
-    nb_setarg(2, Seen, K1),
-    (   arg(1, Seen, none)
-    ->  (   K0 > 0,
-            K1 > 64
-        ->  trie_new(Trie),
-            nb_setarg(1, Seen, Trie),
-            first_occurrences(Lists, Trie, Atoms)
-        ;   Atoms = Lists
-        )
-    ;   arg(1, Seen, Trie),
-        first_occurrences(Lists, Trie, Atoms)
     ),
     (   Heads = [_, _ | _]
     ->  other_heads(Heads, A, Key, Others)
@@ -1465,20 +1537,19 @@ expanded_rule(Key, A, Seen, r(New, Atoms, Ps, Others)) :-
     ).
 
 expanded_items([], [], N, N, [], F, F).
-expanded_items([r(New, Atoms, Ps, Others) | Items], Cs0, N0, N, [Ps | Sup], F0, F) :-
+expanded_items([r(New, Lists, Ps, Others) | Items], Ls0, N0, N, [Ps | Sup], F0, F) :-
     (   New == true -> N1 is N0 + 1 ; N1 = N0 ),
     (   Ps == [] -> F1 = true ; F1 = F0 ),
-    append(Atoms, Cs1, Cs0),
-    (   Others == [] -> Cs1 = Cs2 ; Cs1 = [Others | Cs2] ),
-    expanded_items(Items, Cs2, N1, N, Sup, F1, F).
+    append(Lists, Ls1, Ls0),
+    (   Others == [] -> Ls1 = Ls2 ; Ls1 = [Others | Ls2] ),
+    expanded_items(Items, Ls2, N1, N, Sup, F1, F).
 
-% literal_atoms(+Lits, -Atoms, -Positives, +K0, -K)
-literal_atoms([], [], [], K, K).
-literal_atoms([L | Ls], [B | Bs], Ps, K0, K) :-
+% literal_atoms(+Lits, -Atoms, -Positives)
+literal_atoms([], [], []).
+literal_atoms([L | Ls], [B | Bs], Ps) :-
     arg(1, L, B),
     (   L = pos(_) -> Ps = [B | Ps1] ; Ps = Ps1 ),
-    K1 is K0 + 1,
-    literal_atoms(Ls, Bs, Ps1, K1, K).
+    literal_atoms(Ls, Bs, Ps1).
 
 other_heads([], _, _, []).
 other_heads([B-_ | Hs], A, Key, Others) :-
@@ -1489,24 +1560,6 @@ other_heads([B-_ | Hs], A, Key, Others) :-
     ;   Others = Others1
     ),
     other_heads(Hs, A, Key, Others1).
-
-% first_occurrences(+Lists, +Seen, -Firsts): the atoms of Lists not in the
-% trie Seen, which now has them, as one list in a list.
-first_occurrences(Lists, Seen, [Firsts]) :-
-    first_in_lists(Lists, Seen, Firsts).
-
-first_in_lists([], _, []).
-first_in_lists([L | Ls], Seen, Fs) :-
-    first_in_list(L, Seen, Fs, Fs1),
-    first_in_lists(Ls, Seen, Fs1).
-
-first_in_list([], _, Fs, Fs).
-first_in_list([B | Bs], Seen, Fs0, Fs) :-
-    (   trie_insert(Seen, B)
-    ->  Fs0 = [B | Fs1]
-    ;   Fs0 = Fs1
-    ),
-    first_in_list(Bs, Seen, Fs1, Fs).
 
 % rule_for_atom(+Key, +A, -Rule, -New): the ground rules with A in their
 % head; New is false for a rule that another head atom added before, which

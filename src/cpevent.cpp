@@ -102,7 +102,9 @@ CPEvent::CPEvent(CPTheory* theory)
       tree_depth_(0),
       rule_count_(0),
       theory_(theory),
-      choice_atom_(nullptr) {
+      choice_atom_(nullptr),
+      held_repeats_atom_(false),
+      exclusion_checks_(0) {
   init();
 }
 
@@ -136,11 +138,60 @@ void CPEvent::setHead(AtomDoubles& head) {
   choice_atom_->set_domainsize(static_cast<unsigned>(head_atoms_.size() + 1));
 }
 
-bool CPEvent::excludesHeldBodies(const std::vector<AtomValuePair<int>>& sorted) const {
+bool CPEvent::excludesHeldBodies(const std::vector<AtomValuePair<int>>& body) {
   // Rules placed directly are not held, so nothing shows they exclude it.
-  if (size_t(rule_count_) != sorted_bodies_.size())
+  if (size_t(rule_count_) != parsed_events_.size())
     return false;
-  for (const auto& held : sorted_bodies_) {
+  const size_t held = parsed_events_.size();
+  if (held == 0)
+    return true;
+  if (held_repeats_atom_)
+    return excludesHeldBodiesSorted(body);
+  if (++exclusion_checks_ == 0) {
+    // The counter wrapped: old marks could look current.
+    std::fill(excluded_in_.begin(), excluded_in_.end(), 0);
+    for (auto& entry : held_atoms_)
+      entry.second.check = 0;
+    exclusion_checks_ = 1;
+  }
+  const uint32_t check = exclusion_checks_;
+  // When no held body repeats an atom, a held body is excluded exactly when
+  // it has an atom of this body with another value: each literal marks the
+  // held rules it contradicts, and the test ends once all are marked.
+  size_t excluded = 0;
+  for (const auto& literal : body) {
+    auto found = held_atoms_.find(literal.atom_);
+    if (found == held_atoms_.end())
+      continue;
+    HeldAtom& entry = found->second;
+    // Only the first literal on an atom counts, as in a merge of the bodies
+    // sorted by atom id (stably).
+    if (entry.check == check)
+      continue;
+    entry.check = check;
+    for (const auto& byValue : entry.rules_by_value) {
+      if (byValue.first == literal.value_)
+        continue;
+      for (int32_t rule : byValue.second) {
+        if (excluded_in_[rule] != check) {
+          excluded_in_[rule] = check;
+          if (++excluded == held)
+            return true;
+        }
+      }
+    }
+  }
+  return false;
+}
+
+bool CPEvent::excludesHeldBodiesSorted(const std::vector<AtomValuePair<int>>& body) const {
+  // Both bodies sorted by atom id and merged: the first pair of literals on
+  // one atom with different values excludes them.
+  std::vector<AtomValuePair<int>> sorted(body);
+  std::stable_sort(sorted.begin(), sorted.end(), AtomValuePair<int>::CmpId());
+  for (const auto& rule : parsed_events_) {
+    std::vector<AtomValuePair<int>> held(rule.body_);
+    std::stable_sort(held.begin(), held.end(), AtomValuePair<int>::CmpId());
     bool excluded = false;
     size_t i = 0, j = 0;
     while (i < held.size() && j < sorted.size()) {
@@ -163,6 +214,25 @@ bool CPEvent::excludesHeldBodies(const std::vector<AtomValuePair<int>>& sorted) 
   return true;
 }
 
+void CPEvent::holdBody(const std::vector<AtomValuePair<int>>& body, int32_t rule) {
+  for (const auto& literal : body) {
+    HeldAtom& entry = held_atoms_.try_emplace(literal.atom_, HeldAtom{0, {}}).first->second;
+    std::vector<int32_t>* rules = nullptr;
+    for (auto& byValue : entry.rules_by_value) {
+      if (!byValue.second.empty() && byValue.second.back() == rule)
+        held_repeats_atom_ = true;  // this rule's literals came before
+      if (byValue.first == literal.value_)
+        rules = &byValue.second;
+    }
+    if (rules == nullptr) {
+      entry.rules_by_value.emplace_back(literal.value_, std::vector<int32_t>());
+      rules = &entry.rules_by_value.back().second;
+    }
+    rules->push_back(rule);
+  }
+  excluded_in_.push_back(0);
+}
+
 bool CPEvent::addParsedEvent(AtomDoubles& head, std::vector<AtomValuePair<int>>& body,
                              bool direct) {
   if (!head_atoms_.empty()) {
@@ -175,9 +245,7 @@ bool CPEvent::addParsedEvent(AtomDoubles& head, std::vector<AtomValuePair<int>>&
         return false;
     }
   }
-  std::vector<AtomValuePair<int>> sorted(body);
-  std::stable_sort(sorted.begin(), sorted.end(), AtomValuePair<int>::CmpId());
-  if (!excludesHeldBodies(sorted))
+  if (!excludesHeldBodies(body))
     return false;
 
   ++rule_count_;
@@ -187,8 +255,8 @@ bool CPEvent::addParsedEvent(AtomDoubles& head, std::vector<AtomValuePair<int>>&
   if (direct) {
     addEventToTree(head, body);
   } else {
+    holdBody(body, static_cast<int32_t>(parsed_events_.size()));
     parsed_events_.emplace_back(head, body);
-    sorted_bodies_.push_back(sorted);
   }
   addEdges(body, first, direct);
   return true;

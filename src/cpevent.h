@@ -7,6 +7,8 @@
 #include <map>
 #include <ostream>
 #include <string>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "atom.h"
@@ -106,8 +108,19 @@ class CPEvent {
   int32_t rule_count_;  // accepted rules, held or placed directly
   CPTheory* theory_;    // not owned
   Atom* choice_atom_;   // not owned; registered in the theory
-  // The bodies of parsed_events_ sorted by atom id, for the exclusivity test.
-  std::vector<std::vector<AtomValuePair<int>>> sorted_bodies_;
+  // The held rules (indices into parsed_events_) that test each body atom,
+  // by the value they test: the exclusivity test of a new body visits only
+  // the rules that one of its literals contradicts.
+  struct HeldAtom {
+    uint32_t check;  // the last exclusivity test that met the atom
+    std::vector<std::pair<int, std::vector<int32_t>>> rules_by_value;
+  };
+  std::unordered_map<const Atom*, HeldAtom> held_atoms_;
+  // A held body names an atom twice: the test then compares sorted bodies.
+  bool held_repeats_atom_;
+  // Per held rule, the last exclusivity test that found it excluded.
+  std::vector<uint32_t> excluded_in_;
+  uint32_t exclusion_checks_;
 
   static int32_t next_unique_id_;
 
@@ -180,7 +193,9 @@ class CPEvent {
   std::string str() const;
 
  private:
-  bool excludesHeldBodies(const std::vector<AtomValuePair<int>>& sorted) const;
+  bool excludesHeldBodies(const std::vector<AtomValuePair<int>>& body);
+  bool excludesHeldBodiesSorted(const std::vector<AtomValuePair<int>>& body) const;
+  void holdBody(const std::vector<AtomValuePair<int>>& body, int32_t rule);
   void addEdges(const std::vector<AtomValuePair<int>>& body, bool first, bool direct);
   void strLeaves(std::ostream& os, const CPBodyAtom* node, std::vector<AtomValuePair<int>>* path,
                  bool* first) const;

@@ -89,11 +89,30 @@ CPEvent* CPTheory::addParsedEvent(AtomDoubles& head, std::vector<AtomValuePair<i
     // of one atom linear.
     Atom* first = head[0].atom_;
     std::vector<Atom*> candidates;
-    for (const auto& literal : body) {
-      for (Atom* child : literal.atom_->out_) {
-        if (child->event_ != nullptr &&
-            std::binary_search(first->in_.begin(), first->in_.end(), child, Atom::CmpId()))
-          candidates.push_back(child);
+    size_t bodyChildren = 0;
+    for (const auto& literal : body)
+      bodyChildren += literal.atom_->out_.size();
+    if (first->in_.size() * body.size() < bodyChildren) {
+      // Body atoms that many events test (long bodies over shared atoms):
+      // the few causes of the head atom are looked up among their children.
+      for (Atom* parent : first->in_) {
+        if (parent->event_ == nullptr)
+          continue;
+        for (const auto& literal : body) {
+          const std::vector<Atom*>& children = literal.atom_->out_;
+          if (std::binary_search(children.begin(), children.end(), parent, Atom::CmpId())) {
+            candidates.push_back(parent);
+            break;
+          }
+        }
+      }
+    } else {
+      for (const auto& literal : body) {
+        for (Atom* child : literal.atom_->out_) {
+          if (child->event_ != nullptr &&
+              std::binary_search(first->in_.begin(), first->in_.end(), child, Atom::CmpId()))
+            candidates.push_back(child);
+        }
       }
     }
     std::sort(candidates.begin(), candidates.end(), Atom::CmpId());

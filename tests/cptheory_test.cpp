@@ -540,3 +540,66 @@ TEST(CPTheoryText, GraphvizAndHugin) {
 }
 
 }  // namespace
+
+// Rules of one head share an event exactly when each body excludes every body
+// the event holds, as a merge of the bodies sorted by atom id decides it
+// (bodies that name an atom twice included): random bodies against that rule.
+TEST(CPTheoryEvents, RulesShareAnEventWhenTheirBodiesExcludeEachOther) {
+  std::mt19937 rng(7);
+  auto mergeExcludes = [](Lits x, Lits y) {
+    std::stable_sort(x.begin(), x.end(), [](auto& a, auto& b) { return a.first < b.first; });
+    std::stable_sort(y.begin(), y.end(), [](auto& a, auto& b) { return a.first < b.first; });
+    for (size_t i = 0, j = 0; i < x.size() && j < y.size();) {
+      if (x[i].first < y[j].first) {
+        ++i;
+      } else if (y[j].first < x[i].first) {
+        ++j;
+      } else if (x[i].second != y[j].second) {
+        return true;
+      } else {
+        ++i;
+        ++j;
+      }
+    }
+    return false;
+  };
+  for (int n = 0; n < 300; ++n) {
+    CPTheory theory("events");
+    Atom* head = theory.addAtom("h");
+    std::vector<Atom*> atoms;
+    for (int i = 0; i < 6; ++i)
+      atoms.push_back(theory.addAtom("b" + std::to_string(i)));
+    // Expected: the rules each event holds, in the order they were added.
+    std::vector<std::vector<Lits>> events;
+    for (int r = 0, rules = std::uniform_int_distribution<int>(1, 12)(rng); r < rules; ++r) {
+      Lits body;
+      for (int k = 0, length = std::uniform_int_distribution<int>(1, 5)(rng); k < length; ++k)
+        body.emplace_back(std::uniform_int_distribution<int>(0, 5)(rng),
+                          std::uniform_int_distribution<int>(0, 1)(rng));
+      AtomDoubles h{AtomValuePair<double>(head, 0.5)};
+      std::vector<AtomValuePair<int>> b;
+      for (auto& l : body)
+        b.emplace_back(atoms[l.first], l.second);
+      CPEvent* event = theory.addParsedEvent(h, b);
+      // Body atoms were made in order, so their ids order them as l.first.
+      size_t joined = events.size();
+      for (size_t e = 0; e < events.size() && joined == events.size(); ++e) {
+        bool all = true;
+        for (auto& held : events[e])
+          all = all && mergeExcludes(held, body);
+        bool testsAnAtom = false;
+        for (auto& held : events[e])
+          for (auto& l : held)
+            for (auto& m : body)
+              testsAnAtom = testsAnAtom || l.first == m.first;
+        if (all && testsAnAtom)
+          joined = e;
+      }
+      if (joined == events.size())
+        events.emplace_back();
+      events[joined].push_back(body);
+      ASSERT_EQ(event->countParsedEvents(), static_cast<int>(events[joined].size()));
+    }
+    ASSERT_EQ(theory.events_.size(), events.size());
+  }
+}

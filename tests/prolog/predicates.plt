@@ -136,6 +136,23 @@ test(atom_table) :-
            ;   Step = A-S, vorn_cp_theory_atom_in_table(T, A, S0), assertion(S0 == S)
            )),
     \+ vorn_cp_theory_atom_in_table(T, p(1.0, [a, b]), 5).
+% event(Head, Negated, Positive) is event(Head, Body) with the negated atoms
+% first: the same answers and the same saved rules.
+test(split_body) :-
+    pelm_new(vorn_cp_theory, T1),
+    pelm_new(vorn_cp_theory, T2),
+    add_events(T1, [e([h(b, 0.4)], []), e([h(c, 0.3)], []), e([h(a, 0.5)], [\+ c, b]),
+                    e([h(a, 0.2)], [c])]),
+    forall(member(E, [event([h(b, 0.4)], [], []), event([h(c, 0.3)], [], []),
+                      event([h(a, 0.5)], [c], [b]), event([h(a, 0.2)], [], [c])]),
+           vorn_cp_theory_add_event(T2, E)),
+    cplogic_prob(T1, a, [], P1),
+    cplogic_prob(T2, a, [], P2),
+    assertion(near(P1, 0.5*0.4*0.7 + 0.2*0.3)),
+    assertion(P1 =:= P2),
+    saved_lines(T1, [_ | Lines1]),
+    saved_lines(T2, [_ | Lines2]),
+    assertion(Lines1 == Lines2).
 % Any ground term is an atom of its own, named by its quoted text: the saved
 % rule reads back as the term, and a body on it is not dropped.
 test(any_term_is_an_atom) :-
