@@ -8,6 +8,9 @@
 #include <cmath>
 #include <memory>
 #include <random>
+#include <set>
+#include <thread>
+#include <vector>
 
 #include "confactor.h"
 
@@ -331,6 +334,34 @@ TEST(ConfactorAlgebra, ShiftedProductDomainOnAHandWorkedCase) {
   auto part = make({{x, 6, ADS_CONTEXT | ADS_TABLE}}, {7, 11});
   Confactor p(full.get(), part.get(), nullptr, 0, -1);
   EXPECT_EQ(p.values_, (std::vector<double>{21, 35}));
+}
+
+// Entries freed by a thread that ends are handed on, not freed: the next
+// thread short of entries takes them. Every entry it then holds must be
+// distinct and keep what was written into it.
+TEST(ConfactorEntries, FreedEntriesOfAnEndedThreadServeTheNext) {
+  Atom atom("x", 2);
+  std::thread([&] {
+    std::vector<AtomDomStruct*> made;
+    for (int i = 0; i < 5000; ++i)
+      made.push_back(new AtomDomStruct(&atom, 0));
+    for (AtomDomStruct* e : made)
+      delete e;
+  }).join();
+  std::thread([&] {
+    std::vector<AtomDomStruct*> made;
+    for (int i = 0; i < 12000; ++i) {
+      made.push_back(new AtomDomStruct(&atom, 0));
+      made.back()->flags_ = static_cast<uint32_t>(i);
+    }
+    std::set<AtomDomStruct*> distinct(made.begin(), made.end());
+    EXPECT_EQ(distinct.size(), made.size());
+    for (size_t i = 0; i < made.size(); ++i) {
+      EXPECT_EQ(made[i]->flags_, i);
+      EXPECT_EQ(made[i]->atom_, &atom);
+      delete made[i];
+    }
+  }).join();
 }
 
 TEST(ConfactorDeathTest, AssertionTexts) {
