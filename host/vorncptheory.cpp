@@ -290,8 +290,8 @@ void VornCPTheory::addEvent(long term) {
   std::vector<PelmAtomId> atoms;
   readHead(headList, table, &head, &atoms, false);
   if (split) {
-    readBodyAtoms(argumentOf(term, 2, arity, "event", table), 0, table, &body, &atoms);
-    readBodyAtoms(argumentOf(term, 3, arity, "event", table), 1, table, &body, &atoms);
+    readBody(argumentOf(term, 2, arity, "event", table), table, &body, &atoms, false, 0);
+    readBody(argumentOf(term, 3, arity, "event", table), table, &body, &atoms, false, 1);
   } else {
     readBody(argumentOf(term, 2, arity, "event", table), table, &body, &atoms, false);
   }
@@ -381,7 +381,7 @@ void VornCPTheory::readHead(long list, PelmTermTable& table, std::vector<Literal
 }
 
 void VornCPTheory::readBody(long list, PelmTermTable& table, std::vector<Literal>* body,
-                            std::vector<PelmAtomId>* atoms, bool withKeys) {
+                            std::vector<PelmAtomId>* atoms, bool withKeys, int value) {
   // Room for the whole list at the first element: literals are large.
   size_t length = 0;
   forEachElement(
@@ -394,29 +394,10 @@ void VornCPTheory::readBody(long list, PelmTermTable& table, std::vector<Literal
         if (pelm_is_var(element)) {
           pelm_instantiation_error();
         }
-        bool negated = pelm_is_structure(element) && pelm_functor_id(element) == g_global_not;
+        bool negated =
+            value == -1 && pelm_is_structure(element) && pelm_functor_id(element) == g_global_not;
         Literal literal = readLiteral(negated ? table.arg(element, 1) : element, atoms, withKeys);
-        literal.value = negated ? 0 : 1;
-        body->push_back(std::move(literal));
-      },
-      &length);
-}
-
-void VornCPTheory::readBodyAtoms(long list, int value, PelmTermTable& table,
-                                 std::vector<Literal>* body, std::vector<PelmAtomId>* atoms) {
-  size_t length = 0;
-  forEachElement(
-      list, table,
-      [&](long element) {
-        if (length != 0) {
-          body->reserve(body->size() + length);
-          length = 0;
-        }
-        if (pelm_is_var(element)) {
-          pelm_instantiation_error();
-        }
-        Literal literal = readLiteral(element, atoms, false);
-        literal.value = value;
+        literal.value = value != -1 ? value : negated ? 0 : 1;
         body->push_back(std::move(literal));
       },
       &length);

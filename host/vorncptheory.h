@@ -108,11 +108,10 @@ class VornCPTheory : public CPTheory {
   // makes every literal's key.
   void readHead(long list, PelmTermTable& table, std::vector<Literal>* head,
                 std::vector<PelmAtomId>* atoms, bool withKeys);
+  // Literals are atoms and \+ atoms; with a value of 0 or 1, every element
+  // is an atom, read as a literal of that value.
   void readBody(long list, PelmTermTable& table, std::vector<Literal>* body,
-                std::vector<PelmAtomId>* atoms, bool withKeys);
-  // The elements of the list as body literals of the given value.
-  void readBodyAtoms(long list, int value, PelmTermTable& table, std::vector<Literal>* body,
-                     std::vector<PelmAtomId>* atoms);
+                std::vector<PelmAtomId>* atoms, bool withKeys, int value = -1);
   Literal readLiteral(long term, std::vector<PelmAtomId>* atoms, bool withKey);
   void addRule(const std::vector<Literal>& head, const std::vector<Literal>& body);
   // The atom of a key; null when the theory does not know the term.
