@@ -333,12 +333,12 @@ load_term(load(Key, Direct, Called), Term, Where, Names) :-
     ->  parse_heads(Head, Where, Heads),
         (   Heads = [H-P]
         ->  add_ground_rule(Key, H, P, Negs, Poss, Disjoint, Body, Where, Names)
-        ;   body_shape(Body, Where, Lits, []),
+        ;   conj_literals(Body, shape_atom(Where), Lits, []),
             add_item(Key, lits(Heads, Lits), Where, Names)
         )
     ;   nonvar(Term),
         Term = (Head :- Body),
-        body_shape(Body, Where, Lits, [])
+        conj_literals(Body, shape_atom(Where), Lits, [])
     ->  parse_heads(Head, Where, Heads),
         add_item(Key, lits(Heads, Lits), Where, Names)
     ;   (   nonvar(Term), Term = (_ :- Body)
@@ -372,7 +372,7 @@ add_ground_rule(Key, H, P, Negs0, Poss0, Disjoint, Body, Where, Names) :-
     register_heads([H-P], Key),
     functor(H, N, A),
     (   lpad_staged_pred(Key, N, A)
-    ->  body_shape(Body, Where, Lits, []),
+    ->  conj_literals(Body, shape_atom(Where), Lits, []),
         stage(Key, lits([H-P], Lits), Where, Names)
     ;   reserve_auxiliary_atom(H),
         sort(Negs0, Negs),
@@ -387,26 +387,29 @@ add_ground_rule(Key, H, P, Negs0, Poss0, Disjoint, Body, Where, Names) :-
         assertz(Entry)
     ).
 
-% body_shape(+Body, +Where, -Lits, ?Tail): the literals of a body that is a
-% conjunction of atoms and negated ground atoms, as body_literals/7 makes
-% them when each atom is a program atom; fails for any other body. The
-% terms of the literals are checked as check_clause/3 does, in its order.
-body_shape(G, Where, L0, L) :-
+% conj_literals(+Body, :Check, -Lits, ?Tail): the literals of a body that
+% is a conjunction of atoms and negated ground atoms, as body_literals/7
+% makes them, where call(Check, Atom) accepts every atom; fails for any
+% other body.
+conj_literals(G, Check, L0, L) :-
     nonvar(G),
     (   G = (A, B)
-    ->  body_shape(A, Where, L0, L1),
-        body_shape(B, Where, L1, L)
+    ->  conj_literals(A, Check, L0, L1),
+        conj_literals(B, Check, L1, L)
     ;   G == true
     ->  L0 = L
     ;   ( G = (\+ A) ; G = not(A) )
-    ->  shape_atom(A, Where),
+    ->  nonvar(A),
+        call(Check, A),
         ground(A),
         L0 = [neg(A) | L]
-    ;   shape_atom(G, Where),
+    ;   call(Check, G),
         L0 = [pos(G) | L]
     ).
 
-shape_atom(A, Where) :-
+% shape_atom(+Where, +A): A may be a program atom; its terms are checked as
+% check_clause/3 does, in its order.
+shape_atom(Where, A) :-
     (   atom(A)
     ->  true
     ;   compound(A),
@@ -502,7 +505,7 @@ settled_body(G, Key) :-
     ).
 
 install_item(clause(Heads, Raw), Key, Where) :-
-    (   literal_body(Raw, Key, Lits, [])
+    (   conj_literals(Raw, program_atom(Key), Lits, [])
     ->  store_clause(Key, Heads-Lits-Where)
     ;   lpad_module(Key, M),
         body_clauses(body(Key, M, Where), Heads, Raw, Clauses, []),
@@ -519,24 +522,9 @@ install_item(query(Q), Key, Where) :-
 install_item(evidence(E), Key, Where) :-
     assertz(lpad_evidence(Key, E, Where)).
 
-% literal_body(+Body, +Key, -Lits, ?Tail): the literals of a body of program
-% atoms and ground negated program atoms, as body_literals/7 makes them,
-% in one pass; fails for any other body.
-literal_body(G, Key, L0, L) :-
-    nonvar(G),
-    (   G = (A, B)
-    ->  literal_body(A, Key, L0, L1),
-        literal_body(B, Key, L1, L)
-    ;   G == true
-    ->  L0 = L
-    ;   ( G = (\+ A) ; G = not(A) )
-    ->  nonvar(A),
-        ground(A),
-        prob_goal(A, Key),
-        L0 = [neg(A) | L]
-    ;   prob_goal(G, Key),
-        L0 = [pos(G) | L]
-    ).
+% program_atom(+Key, +A): A calls a predicate of the program.
+program_atom(Key, A) :-
+    prob_goal(A, Key).
 
 % The items that waited for the predicate set, in the order they were read;
 % in safe mode all of them are checked before any is installed.
